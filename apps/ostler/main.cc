@@ -1,0 +1,140 @@
+// ostler: meters what Claude Code chats cost.
+//
+//   ostler receipt [--root DIR] [--since DATE] [--until DATE]
+//                  [--since-instant ISO] [--until-instant ISO]
+//                  [--json] [--loops FILE]
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <optional>
+#include <string>
+
+#include <fmt/format.h>
+
+#include "meter/iso8601.h"
+#include "meter/loop_detail.h"
+#include "meter/meter_engine.h"
+#include "meter/plain_text_receipt.h"
+#include "meter/session_discovery.h"
+
+namespace {
+
+constexpr int kUsageError = 2;
+
+std::string defaultRoot() {
+  const char* home = std::getenv("HOME");
+  return std::string(home != nullptr ? home : "") + "/.claude/projects";
+}
+
+// Progress on a terminal: files read of the total, then tokens metered.
+ostler::ProgressCallback terminalProgress() {
+  if (isatty(STDERR_FILENO) == 0) return nullptr;
+  return [](const ostler::MeterProgress& p) {
+    if (p.tokensMetered == 0)
+      std::fprintf(stderr, "\rreading %lld of %lld files   ", static_cast<long long>(p.filesProcessed),
+                   static_cast<long long>(p.totalFiles));
+    else
+      std::fprintf(stderr, "\rmetering %lld files: %lld tokens   ", static_cast<long long>(p.totalFiles),
+                   static_cast<long long>(p.tokensMetered));
+    std::fflush(stderr);
+  };
+}
+
+bool writeFile(const std::string& path, const std::string& contents) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << contents;
+  out.close();
+  return static_cast<bool>(out);
+}
+
+struct ReceiptFlags {
+  std::string root;
+  std::optional<std::string> since, until, sinceInstant, untilInstant, loops;
+  bool json = false;
+};
+
+int usageError(const CLI::App& app, const std::string& message) {
+  std::cerr << "ostler: " << message << "\n" << app.help();
+  return kUsageError;
+}
+
+int runReceipt(const ReceiptFlags& flags, const CLI::App& command) {
+  for (const auto* date : {&flags.since, &flags.until})
+    if (*date && !ostler::ISO8601::isCalendarDate(**date))
+      return usageError(command, fmt::format("not a date (YYYY-MM-DD): {}", **date));
+  for (const auto* instant : {&flags.sinceInstant, &flags.untilInstant})
+    if (*instant && !ostler::isValidInstant(**instant))
+      return usageError(command, fmt::format("not an ISO 8601 instant: {}", **instant));
+
+  std::error_code ec;
+  if (!std::filesystem::is_directory(flags.root, ec)) {
+    std::cerr << "ostler: no transcript folder at " << flags.root << "\n";
+    return 1;
+  }
+  const bool defaultRootUsed = flags.root == defaultRoot();
+  if (defaultRootUsed && ostler::discoverSessionGroups(flags.root).empty()) {
+    std::cerr << "ostler: no transcripts under " << flags.root << "; try the sample: ostler receipt --root "
+              << OSTLER_SAMPLE_ROOT << "\n";
+    return 1;
+  }
+
+  ostler::MeterOptions options;
+  options.root = flags.root;
+  options.since = flags.since;
+  options.until = flags.until;
+  options.sinceInstant = flags.sinceInstant;
+  options.untilInstant = flags.untilInstant;
+  auto progress = terminalProgress();
+  ostler::MeterRun run = ostler::MeterEngine::runWithLoopDetail(options, progress);
+  if (progress) std::fprintf(stderr, "\r\033[K");
+
+  if (flags.loops && !writeFile(*flags.loops, ostler::encodeLoopDetailJSON(run.loopDetail))) {
+    std::cerr << "ostler: cannot write " << *flags.loops << "\n";
+    return 1;
+  }
+  if (flags.json) {
+    std::cout << ostler::encodeReceiptJSON(run.receipt);
+  } else {
+    std::cout << ostler::renderPlainTextReceipt(run.receipt);
+    // The receipt ends without a line feed; a terminal still gets one.
+    if (isatty(STDOUT_FILENO) != 0) std::cout << "\n";
+  }
+  std::cout.flush();
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{"ostler: what your Claude Code chats cost"};
+  app.require_subcommand(1);
+  ReceiptFlags flags;
+  flags.root = defaultRoot();
+  CLI::App* receipt = app.add_subcommand("receipt", "price every request of a transcript tree");
+  receipt->add_option("--root", flags.root, "transcript root (default ~/.claude/projects)");
+  receipt->add_option("--since", flags.since, "first day, YYYY-MM-DD, inclusive");
+  receipt->add_option("--until", flags.until, "last day, YYYY-MM-DD, inclusive");
+  receipt->add_option("--since-instant", flags.sinceInstant, "lower bound, ISO 8601 instant, inclusive");
+  receipt->add_option("--until-instant", flags.untilInstant, "upper bound, ISO 8601 instant, exclusive");
+  receipt->add_flag("--json", flags.json, "print the receipt as JSON");
+  receipt->add_option("--loops", flags.loops, "write the media loop detail as JSON to FILE");
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::CallForAllHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    const CLI::App& shown = receipt->parsed() ? *receipt : app;
+    std::cerr << "ostler: " << e.what() << "\n" << shown.help();
+    return kUsageError;
+  }
+  if (receipt->parsed()) return runReceipt(flags, *receipt);
+  return kUsageError;
+}

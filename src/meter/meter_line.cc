@@ -1,0 +1,154 @@
+#include "meter/meter_line.h"
+
+#include "meter/text.h"
+
+namespace ostler {
+namespace {
+
+bool startsWith(std::string_view s, std::string_view prefix) {
+  return s.size() >= prefix.size() && s.compare(0, prefix.size(), prefix) == 0;
+}
+
+std::optional<std::string> trimmedOrNothing(std::string_view s) {
+  std::string_view t = text::trimWhitespaceAndNewlines(s);
+  if (t.empty()) return std::nullopt;
+  return std::string(t);
+}
+
+}  // namespace
+
+TurnUsage turnUsage(const std::optional<RawMessage>& message) {
+  TurnUsage u;
+  if (!message || !message->usage) return u;
+  const RawUsage& raw = *message->usage;
+  u.input = raw.inputTokens.value_or(0);
+  u.output = raw.outputTokens.value_or(0);
+  u.cacheRead = raw.cacheReadInputTokens.value_or(0);
+  if (raw.cacheCreation) {
+    // The split, when present, wins over the flat figure, even when empty.
+    u.cache5m = raw.cacheCreation->ephemeral5mInputTokens.value_or(0);
+    u.cache1h = raw.cacheCreation->ephemeral1hInputTokens.value_or(0);
+  } else {
+    u.cache5m = raw.cacheCreationInputTokens.value_or(0);
+  }
+  return u;
+}
+
+std::optional<std::string> extractTypedShareText(const RawTranscriptLine& line) {
+  if (line.isMeta.value_or(false) || line.isCompactSummary.value_or(false) || line.isSidechain.value_or(false) ||
+      !line.message)
+    return std::nullopt;
+  const RawMessage& message = *line.message;
+  if (message.contentText) {
+    std::string_view t = *message.contentText;
+    for (std::string_view tag : {"<command-name", "<command-message", "<local-command-stdout",
+                                 "<local-command-caveat", "<task-notification"})
+      if (startsWith(t, tag)) return std::nullopt;
+    if (startsWith(t, "<system-reminder")) {
+      constexpr std::string_view kClose = "</system-reminder>";
+      if (size_t at = t.find(kClose); at != std::string_view::npos) t.remove_prefix(at + kClose.size());
+    }
+    return trimmedOrNothing(t);
+  }
+  if (message.content) {
+    std::string joined;
+    bool first = true;
+    for (const auto& block : *message.content) {
+      if (block.type != "text" || !block.text || block.text->empty()) continue;
+      if (!first) joined.push_back('\n');
+      joined.append(*block.text);
+      first = false;
+    }
+    return trimmedOrNothing(joined);
+  }
+  return std::nullopt;
+}
+
+int64_t toolResultBytes(const std::optional<RawToolResultContent>& content) {
+  if (!content) return 0;
+  switch (content->kind) {
+    case RawToolResultContent::Kind::kText:
+      return static_cast<int64_t>(content->text.size());
+    case RawToolResultContent::Kind::kBlocks: {
+      int64_t bytes = 0;
+      for (const auto& b : content->blocks)
+        if (b.text) bytes += static_cast<int64_t>(b.text->size());
+      return bytes;
+    }
+    case RawToolResultContent::Kind::kOther:
+      return 0;
+  }
+  return 0;
+}
+
+int64_t imageTokens(const RawContentBlock& block) {
+  if (!block.source || !block.source->data) return 0;
+  return text::characterCount(*block.source->data) / 4;
+}
+
+MeterLine digestLine(const RawTranscriptLine& line, int64_t lineNumber, const RangeBounds& bounds) {
+  MeterLine m;
+  m.lineNumber = lineNumber;
+  if (line.sessionId) m.sessionId = *line.sessionId;
+  if (line.cwd) m.cwd = *line.cwd;
+  if (!line.type) return m;
+  if (line.timestamp) {
+    m.timestamp = std::string(*line.timestamp);
+    m.instant = ISO8601::parse(*line.timestamp);
+  }
+  if (!bounds.contains(m.timestamp, m.instant)) return m;
+
+  std::string_view type = *line.type;
+  if (type == "assistant") {
+    m.dispatch = MeterLine::Dispatch::kAssistant;
+    if (line.requestId) m.requestId = std::string(*line.requestId);
+    if (line.message && line.message->model) m.model = std::string(*line.message->model);
+    m.usage = turnUsage(line.message);
+    if (line.message && line.message->content) {
+      for (const auto& block : *line.message->content) {
+        if (!block.type) continue;
+        if (*block.type == "text") {
+          if (block.text && m.textLength < kTextLengthCap)
+            m.textLength += text::characterCount(*block.text, kTextLengthCap - m.textLength);
+        } else if (*block.type == "tool_use") {
+          m.hasToolUse = true;
+          MeterToolUse use;
+          if (block.id) use.id = std::string(*block.id);
+          if (block.name) use.name = std::string(*block.name);
+          if (block.input && block.input->filePath) use.filePath = std::string(*block.input->filePath);
+          use.hasCommand = block.input && block.input->command.has_value();
+          m.toolUses.push_back(std::move(use));
+        }
+      }
+    }
+  } else if (type == "user") {
+    m.dispatch = MeterLine::Dispatch::kUser;
+    if (auto typed = extractTypedShareText(line)) m.typedBytes = static_cast<int64_t>(typed->size());
+    if (line.message && line.message->content) {
+      for (const auto& block : *line.message->content) {
+        if (!block.type) continue;
+        if (*block.type == "tool_result") {
+          if (block.toolUseId && !block.toolUseId->empty())
+            m.toolResults.push_back({std::string(*block.toolUseId), toolResultBytes(block.content)});
+        } else if (*block.type == "image") {
+          m.imageCount += 1;
+          m.imageTokens += imageTokens(block);
+        }
+      }
+    }
+  } else if (type == "system") {
+    m.dispatch = MeterLine::Dispatch::kSystem;
+    if (line.subtype == "compact_boundary" && line.compactMetadata) {
+      m.isCompactBoundary = true;
+      if (line.uuid) m.uuid = std::string(*line.uuid);
+      if (line.compactMetadata->trigger) m.trigger = std::string(*line.compactMetadata->trigger);
+      m.preTokens = line.compactMetadata->preTokens.value_or(0);
+      m.postTokens = line.compactMetadata->postTokens.value_or(0);
+    }
+  } else {
+    m.dispatch = MeterLine::Dispatch::kOther;
+  }
+  return m;
+}
+
+}  // namespace ostler

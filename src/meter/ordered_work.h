@@ -1,0 +1,86 @@
+// Runs `produce(i)` for i = 0..count-1 on worker threads, at most `window`
+// items ahead of the consumer, and hands the results back strictly in index
+// order. The order in which results are folded is thus fixed, whatever the
+// order in which they were made. `produce` must be safe to call from several
+// threads at once.
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <vector>
+
+namespace ostler {
+
+template <typename T>
+class OrderedWork {
+ public:
+  // With `threads` 0 every item is made on the consumer's thread when taken.
+  OrderedWork(size_t count, std::function<T(size_t)> produce, size_t threads, size_t window)
+      : count_(count), produce_(std::move(produce)), window_(window == 0 ? 1 : window), slots_(count) {
+    for (size_t t = 0; t < threads && t < count; ++t) workers_.emplace_back([this] { work(); });
+  }
+
+  OrderedWork(const OrderedWork&) = delete;
+  OrderedWork& operator=(const OrderedWork&) = delete;
+
+  ~OrderedWork() {
+    {
+      std::lock_guard lock(mutex_);
+      stopping_ = true;
+    }
+    space_.notify_all();
+    for (auto& w : workers_) w.join();
+  }
+
+  // The result of item `i`; items must be taken in order 0, 1, 2, ...
+  T take(size_t i) {
+    if (workers_.empty()) {
+      consumed_ = i + 1;
+      return produce_(i);
+    }
+    std::unique_lock lock(mutex_);
+    ready_.wait(lock, [&] { return slots_[i].has_value(); });
+    T value = std::move(*slots_[i]);
+    slots_[i].reset();
+    consumed_ = i + 1;
+    lock.unlock();
+    space_.notify_all();
+    return value;
+  }
+
+ private:
+  void work() {
+    for (;;) {
+      size_t i;
+      {
+        std::unique_lock lock(mutex_);
+        space_.wait(lock, [&] { return stopping_ || next_ >= count_ || next_ < consumed_ + window_; });
+        if (stopping_ || next_ >= count_) return;
+        i = next_++;
+      }
+      T value = produce_(i);
+      {
+        std::lock_guard lock(mutex_);
+        slots_[i] = std::move(value);
+      }
+      ready_.notify_all();
+    }
+  }
+
+  const size_t count_;
+  std::function<T(size_t)> produce_;
+  const size_t window_;
+  std::vector<std::optional<T>> slots_;
+  std::vector<std::thread> workers_;
+  std::mutex mutex_;
+  std::condition_variable ready_, space_;
+  size_t next_ = 0;
+  size_t consumed_ = 0;
+  bool stopping_ = false;
+};
+
+}  // namespace ostler

@@ -1,0 +1,115 @@
+// The meter's reading of one Claude Code transcript line. Every field is
+// optional: a missing key and a JSON null both leave it absent. A present key
+// of the wrong JSON type fails the whole line, except inside
+// `message.content`, where a failure only drops `content`/`contentText`.
+// Keys not listed are ignored.
+//
+// Strings are views into the decoder's buffers and stay valid until the
+// decoder's next call; large strings (image data, tool results) are therefore
+// measured without being copied.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+#include "meter/json_line.h"
+
+namespace ostler {
+
+struct RawCacheCreation {
+  std::optional<int64_t> ephemeral5mInputTokens;  // ephemeral_5m_input_tokens
+  std::optional<int64_t> ephemeral1hInputTokens;  // ephemeral_1h_input_tokens
+};
+
+struct RawUsage {
+  std::optional<int64_t> inputTokens;               // input_tokens
+  std::optional<int64_t> outputTokens;              // output_tokens
+  std::optional<int64_t> cacheReadInputTokens;      // cache_read_input_tokens
+  std::optional<int64_t> cacheCreationInputTokens;  // cache_creation_input_tokens
+  std::optional<RawCacheCreation> cacheCreation;    // cache_creation
+};
+
+struct RawToolInput {
+  std::optional<std::string_view> filePath;  // file_path, named by "Read"
+  std::optional<std::string_view> command;   // command, run by "Bash"
+};
+
+struct RawToolResultBlock {
+  std::optional<std::string_view> text;
+};
+
+// A tool result's payload; decoding it never fails.
+struct RawToolResultContent {
+  enum class Kind { kText, kBlocks, kOther };
+  Kind kind = Kind::kOther;
+  std::string_view text;                   // kText
+  std::vector<RawToolResultBlock> blocks;  // kBlocks
+};
+
+struct RawImageSource {
+  std::optional<std::string_view> data;  // the image's Base64 text
+};
+
+struct RawContentBlock {
+  std::optional<std::string_view> type;
+  std::optional<std::string_view> text;
+  std::optional<std::string_view> id;
+  std::optional<std::string_view> name;
+  std::optional<RawToolInput> input;
+  std::optional<std::string_view> toolUseId;  // tool_use_id
+  std::optional<RawToolResultContent> content;
+  std::optional<RawImageSource> source;
+};
+
+struct RawMessage {
+  std::optional<std::string_view> model;
+  std::optional<RawUsage> usage;
+  std::optional<std::vector<RawContentBlock>> content;  // list form of `content`
+  std::optional<std::string_view> contentText;          // string form of `content`
+  std::optional<std::string_view> id;
+};
+
+struct RawCompactMetadata {
+  std::optional<std::string_view> trigger;
+  std::optional<int64_t> preTokens;
+  std::optional<int64_t> postTokens;
+};
+
+struct RawTranscriptLine {
+  std::optional<std::string_view> type;
+  std::optional<std::string_view> timestamp;
+  std::optional<std::string_view> sessionId;
+  std::optional<std::string_view> cwd;
+  std::optional<RawMessage> message;
+  std::optional<std::string_view> requestId;
+  std::optional<std::string_view> uuid;
+  std::optional<bool> isMeta;
+  std::optional<bool> isCompactSummary;
+  std::optional<bool> isSidechain;
+  std::optional<std::string_view> subtype;
+  std::optional<RawCompactMetadata> compactMetadata;
+};
+
+// Decodes the object of an already parsed line. Returns false when the line
+// fails to decode; `out` is then unspecified.
+[[nodiscard]] bool decodeRawTranscriptLine(simdjson::dom::object root, RawTranscriptLine* out);
+
+// Reads `content` leniently: fills `content` or `contentText`, or neither.
+void decodeMessageContent(simdjson::dom::element value, std::optional<std::vector<RawContentBlock>>* content,
+                          std::optional<std::string_view>* contentText);
+
+// Parser and decoder together, reused line after line on one thread.
+class TranscriptLineDecoder {
+ public:
+  // Decodes `line` (already trimmed). See JsonLineParser::parse for `padded`.
+  [[nodiscard]] bool decode(std::string_view line, bool padded, RawTranscriptLine* out);
+
+  JsonLineParser& parser() { return parser_; }
+
+ private:
+  JsonLineParser parser_;
+};
+
+}  // namespace ostler

@@ -1,0 +1,76 @@
+#include "support/test_support.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+namespace ostler::testing {
+
+TempDir::TempDir() {
+  std::string templ = (std::filesystem::temp_directory_path() / "ostler-test-XXXXXX").string();
+  char* made = mkdtemp(templ.data());
+  path_ = made != nullptr ? std::filesystem::path(made) : std::filesystem::path(templ);
+}
+
+TempDir::~TempDir() {
+  std::error_code ec;
+  std::filesystem::remove_all(path_, ec);
+}
+
+void writeFile(const std::filesystem::path& path, const std::string& contents) {
+  std::filesystem::create_directories(path.parent_path());
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << contents;
+}
+
+void appendFile(const std::filesystem::path& path, const std::string& contents) {
+  std::filesystem::create_directories(path.parent_path());
+  std::ofstream out(path, std::ios::binary | std::ios::app);
+  out << contents;
+}
+
+std::string jsonl(const std::vector<std::string>& lines) {
+  std::string out;
+  for (const auto& l : lines) out += l + "\n";
+  return out;
+}
+
+std::string readFile(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+std::filesystem::path sharedDir() { return std::filesystem::path(OSTLER_SHARED_DIR); }
+
+bool haveShared() { return std::filesystem::is_directory(sharedDir()); }
+
+int runCommand(const std::string& command, std::string* output) {
+  FILE* pipe = popen(command.c_str(), "r");
+  if (pipe == nullptr) return -1;
+  std::array<char, 65536> buf;
+  size_t n;
+  while ((n = fread(buf.data(), 1, buf.size(), pipe)) > 0)
+    if (output != nullptr) output->append(buf.data(), n);
+  int status = pclose(pipe);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+bool generateTree(const std::filesystem::path& out, const std::vector<std::string>& args) {
+  auto tool = sharedDir() / "tools" / "gen-transcripts";
+  if (!std::filesystem::exists(tool)) return false;
+  std::string cmd;
+  cmd.append("'").append(tool.string()).append("' --out '").append(out.string()).append("'");
+  for (const auto& a : args) cmd += " " + a;
+  cmd += " >/dev/null 2>&1";
+  return runCommand(cmd, nullptr) == 0;
+}
+
+}  // namespace ostler::testing

@@ -1,0 +1,44 @@
+// Helpers for tests that touch files: temporary folders, JSONL writers, and
+// the shared fixtures that live beside the checkout.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace ostler::testing {
+
+// A fresh folder, removed with everything in it when the object goes.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  [[nodiscard]] const std::filesystem::path& path() const { return path_; }
+  [[nodiscard]] std::string str() const { return path_.string(); }
+
+ private:
+  std::filesystem::path path_;
+};
+
+// Writes `contents` to `path`, making its parent folders.
+void writeFile(const std::filesystem::path& path, const std::string& contents);
+// Appends `contents` to `path`.
+void appendFile(const std::filesystem::path& path, const std::string& contents);
+// The lines joined by line feeds, with a final one.
+[[nodiscard]] std::string jsonl(const std::vector<std::string>& lines);
+[[nodiscard]] std::string readFile(const std::filesystem::path& path);
+
+// The shared fixtures folder beside the checkout, and whether it is there.
+[[nodiscard]] std::filesystem::path sharedDir();
+[[nodiscard]] bool haveShared();
+
+// Runs the transcript generator into `out`; false when it is not available
+// or fails.
+bool generateTree(const std::filesystem::path& out, const std::vector<std::string>& args);
+
+// Runs a shell command, capturing standard output; returns the exit status.
+int runCommand(const std::string& command, std::string* output);
+
+}  // namespace ostler::testing
