@@ -37,6 +37,10 @@ std::vector<ReceiptDetailLine> topDetails(std::vector<DetailCandidate> candidate
   return out;
 }
 
+std::vector<ReceiptDetailLine> topDetails(const DetailCandidates& candidates) {
+  return topDetails(candidates.sorted());
+}
+
 int64_t percentile(const std::vector<int64_t>& sorted, double p) {
   if (sorted.empty()) return 0;
   const double n = double(sorted.size());
@@ -169,13 +173,7 @@ Receipt buildReceipt(const GlobalAggregator& agg, const MeterOptions& options, c
 
   r.fair_usd = roundUSD(agg.totalSpent - wasteSum - macFirstSum);
 
-  std::vector<ReceiptTopSession> top = agg.topSessions;
-  std::stable_sort(top.begin(), top.end(), [](const ReceiptTopSession& a, const ReceiptTopSession& b) {
-    if (a.spent_usd != b.spent_usd) return a.spent_usd > b.spent_usd;
-    return a.sessionId < b.sessionId;
-  });
-  if (top.size() > kDetailLimit) top.resize(kDetailLimit);
-  r.top_sessions = std::move(top);
+  r.top_sessions = agg.topSessions.sorted();
 
   std::vector<int64_t> turnsPerSession = agg.turnsPerSessionCounts;
   std::sort(turnsPerSession.begin(), turnsPerSession.end());

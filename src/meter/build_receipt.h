@@ -20,6 +20,7 @@ inline constexpr const char* kOverlapNote =
 
 // The ten largest candidates (ties by text), rounded.
 [[nodiscard]] std::vector<ReceiptDetailLine> topDetails(std::vector<DetailCandidate> candidates);
+[[nodiscard]] std::vector<ReceiptDetailLine> topDetails(const DetailCandidates& candidates);
 
 // The element at index round(p/100 * (n - 1)) of an ascending list; 0 when
 // empty.

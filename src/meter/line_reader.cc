@@ -8,21 +8,52 @@
 #include <cstring>
 
 namespace ostler {
+namespace {
+
+// The buffer of the last reader closed on this thread, kept for the next
+// one: a pass opens thousands of files, and a fresh megabyte each time costs
+// page faults for nothing.
+struct SpareBuffer {
+  std::unique_ptr<char[]> bytes;
+  size_t capacity = 0;
+};
+
+SpareBuffer& spare() {
+  thread_local SpareBuffer buffer;
+  return buffer;
+}
+
+}  // namespace
 
 std::optional<LineReader> LineReader::open(const std::string& path, size_t chunkSize) {
+  return openAt(path, 0, chunkSize);
+}
+
+std::optional<LineReader> LineReader::openAt(const std::string& path, uint64_t offset, size_t chunkSize) {
   int fd;
   do {
     fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   } while (fd < 0 && errno == EINTR);
   if (fd < 0) return std::nullopt;
-  return LineReader(fd, chunkSize == 0 ? kDefaultChunkSize : chunkSize);
+  if (offset > 0 && ::lseek(fd, static_cast<off_t>(offset), SEEK_SET) < 0) {
+    ::close(fd);
+    return std::nullopt;
+  }
+  return LineReader(fd, chunkSize == 0 ? kDefaultChunkSize : chunkSize, offset);
 }
 
-LineReader::LineReader(int fd, size_t chunkSize) : fd_(fd), chunkSize_(chunkSize) {}
+LineReader::LineReader(int fd, size_t chunkSize, uint64_t startOffset)
+    : fd_(fd), chunkSize_(chunkSize), startOffset_(startOffset) {
+  SpareBuffer& s = spare();
+  buffer_ = std::move(s.bytes);
+  capacity_ = buffer_ ? s.capacity : 0;
+  s.capacity = 0;
+}
 
 LineReader::LineReader(LineReader&& o) noexcept
     : fd_(o.fd_), chunkSize_(o.chunkSize_), buffer_(std::move(o.buffer_)), capacity_(o.capacity_),
-      begin_(o.begin_), end_(o.end_), scanned_(o.scanned_), atEOF_(o.atEOF_), bytesRead_(o.bytesRead_) {
+      begin_(o.begin_), end_(o.end_), scanned_(o.scanned_), atEOF_(o.atEOF_), startOffset_(o.startOffset_),
+      bytesRead_(o.bytesRead_) {
   o.fd_ = -1;
   o.capacity_ = o.begin_ = o.end_ = o.scanned_ = 0;
 }
@@ -38,6 +69,7 @@ LineReader& LineReader::operator=(LineReader&& o) noexcept {
     end_ = o.end_;
     scanned_ = o.scanned_;
     atEOF_ = o.atEOF_;
+    startOffset_ = o.startOffset_;
     bytesRead_ = o.bytesRead_;
     o.fd_ = -1;
     o.capacity_ = o.begin_ = o.end_ = o.scanned_ = 0;
@@ -53,8 +85,15 @@ void LineReader::close() {
     fd_ = -1;
   }
   atEOF_ = true;
-  begin_ = end_;
+  begin_ = end_ = 0;
   scanned_ = 0;
+  SpareBuffer& s = spare();
+  if (buffer_ && capacity_ > s.capacity) {
+    s.bytes = std::move(buffer_);
+    s.capacity = capacity_;
+  }
+  buffer_.reset();
+  capacity_ = 0;
 }
 
 void LineReader::fill() {
@@ -67,8 +106,10 @@ void LineReader::fill() {
   }
   size_t needed = end_ + chunkSize_ + kPadding;
   if (needed > capacity_) {
-    size_t grown = capacity_ == 0 ? needed : std::max(needed, capacity_ * 2);
-    auto bigger = std::make_unique<char[]>(grown);
+    // Room for a chunk behind a partial line of up to a chunk; longer lines
+    // double the buffer, so that they cost few copies.
+    size_t grown = std::max(needed, capacity_ == 0 ? 2 * chunkSize_ + kPadding : capacity_ * 2);
+    auto bigger = std::make_unique_for_overwrite<char[]>(grown);
     if (end_ > 0) std::memcpy(bigger.get(), buffer_.get(), end_);
     buffer_ = std::move(bigger);
     capacity_ = grown;

@@ -21,9 +21,12 @@ class LineReader {
   // parser can read it in place.
   static constexpr size_t kPadding = 64;
 
-  // Opens `path` for reading; nothing when it cannot be opened.
+  // Opens `path` for reading from its first byte, or from `offset`;
+  // nothing when it cannot be opened.
   [[nodiscard]] static std::optional<LineReader> open(const std::string& path,
                                                       size_t chunkSize = kDefaultChunkSize);
+  [[nodiscard]] static std::optional<LineReader> openAt(const std::string& path, uint64_t offset,
+                                                        size_t chunkSize = kDefaultChunkSize);
 
   LineReader(LineReader&& other) noexcept;
   LineReader& operator=(LineReader&& other) noexcept;
@@ -39,11 +42,11 @@ class LineReader {
   // Closes the file; later calls of nextLine give nothing.
   void close();
 
-  // Bytes read from the file so far.
-  [[nodiscard]] uint64_t bytesRead() const { return bytesRead_; }
+  // The file offset at which the next line starts.
+  [[nodiscard]] uint64_t nextLineOffset() const { return startOffset_ + bytesRead_ - (end_ - begin_); }
 
  private:
-  LineReader(int fd, size_t chunkSize);
+  LineReader(int fd, size_t chunkSize, uint64_t startOffset);
   void fill();
 
   int fd_ = -1;
@@ -54,7 +57,8 @@ class LineReader {
   size_t end_ = 0;    // one past the last byte read
   size_t scanned_ = 0;  // bytes from begin_ known to hold no line feed
   bool atEOF_ = false;
-  uint64_t bytesRead_ = 0;
+  uint64_t startOffset_ = 0;  // where reading began
+  uint64_t bytesRead_ = 0;    // bytes read since
 };
 
 }  // namespace ostler

@@ -1,5 +1,7 @@
 #include "meter/meter_engine.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstring>
 #include <thread>
@@ -7,8 +9,10 @@
 
 #include "meter/attribution.h"
 #include "meter/build_receipt.h"
+#include "meter/byte_search.h"
 #include "meter/line_reader.h"
 #include "meter/ordered_work.h"
+#include "meter/recycler.h"
 #include "meter/repeat_pipelines.h"
 #include "meter/text.h"
 #include "meter/turn_accounting.h"
@@ -16,8 +20,10 @@
 namespace ostler {
 namespace {
 
-// Files decoded ahead of the fold; bounds the memory held in digests.
+// Slices decoded ahead of the fold; with the slice size this bounds the
+// memory held in digests, whatever the size of the tree.
 constexpr size_t kWindow = 8;
+constexpr uint64_t kSliceBytes = 1 << 20;
 
 TranscriptLineDecoder& threadDecoder() {
   thread_local TranscriptLineDecoder decoder;
@@ -29,35 +35,49 @@ size_t workerThreads() {
   return n == 0 ? 1 : n;
 }
 
-// One file of the pass, in reading order.
+// One file of the pass, in reading order, and where its slices start in the
+// pass's list of slices.
 struct FileTask {
   const SessionGroup* group;
   const std::string* path;
   bool isSubagent;
+  size_t firstSlice;
+  size_t sliceCount;
 };
 
-std::vector<FileTask> fileTasks(const std::vector<SessionGroup>& groups) {
-  std::vector<FileTask> tasks;
+struct Plan {
+  std::vector<FileTask> files;
+  std::vector<std::pair<const std::string*, FileSlice>> slices;
+};
+
+uint64_t fileSize(const std::string& path) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0 || st.st_size < 0) return 0;
+  return static_cast<uint64_t>(st.st_size);
+}
+
+Plan planFiles(const std::vector<SessionGroup>& groups) {
+  Plan plan;
+  auto add = [&](const SessionGroup& g, const std::string& path, bool isSubagent) {
+    std::vector<FileSlice> slices = sliceFile(fileSize(path), kSliceBytes);
+    plan.files.push_back({&g, &path, isSubagent, plan.slices.size(), slices.size()});
+    for (const auto& s : slices) plan.slices.emplace_back(&path, s);
+  };
   for (const auto& g : groups) {
-    if (g.mainFile) tasks.push_back({&g, &*g.mainFile, false});
-    for (const auto& f : g.subagentFiles) tasks.push_back({&g, &f, true});
+    if (g.mainFile) add(g, *g.mainFile, false);
+    for (const auto& f : g.subagentFiles) add(g, f, true);
   }
-  return tasks;
+  return plan;
 }
 
-// A line of pass one can only be an assistant line if it names the type
-// literally or hides it behind an escape; others need no decoding.
-bool mayBeAssistant(std::string_view line) {
-  constexpr std::string_view kNeedle = "\"assistant\"";
-  if (memmem(line.data(), line.size(), kNeedle.data(), kNeedle.size()) != nullptr) return true;
-  return memmem(line.data(), line.size(), "\\u", 2) != nullptr;
-}
-
-MeterLine skippedLine(int64_t lineNumber) {
-  MeterLine m;
-  m.kind = MeterLine::Kind::kSkipped;
-  m.lineNumber = lineNumber;
-  return m;
+// Opens `path` at the first line that starts within the slice.
+std::optional<LineReader> openSlice(const std::string& path, const FileSlice& slice) {
+  if (slice.begin == 0) return LineReader::open(path);
+  // Start one byte early: the line that holds that byte began in an earlier
+  // slice (or ends right there), so it is dropped.
+  auto reader = LineReader::openAt(path, slice.begin - 1);
+  if (reader) (void)reader->nextLine();
+  return reader;
 }
 
 std::vector<SessionGroup> sortedGroups(const std::string& root) {
@@ -68,6 +88,14 @@ std::vector<SessionGroup> sortedGroups(const std::string& root) {
 
 }  // namespace
 
+std::vector<FileSlice> sliceFile(uint64_t size, uint64_t sliceBytes) {
+  std::vector<FileSlice> slices;
+  const uint64_t count = size == 0 ? 1 : (size + sliceBytes - 1) / sliceBytes;
+  for (uint64_t i = 0; i < count; ++i)
+    slices.push_back({i * sliceBytes, i + 1 == count ? UINT64_MAX : (i + 1) * sliceBytes, static_cast<uint32_t>(i)});
+  return slices;
+}
+
 bool ProgressThrottle::shouldReport(bool force) {
   double now = clock_.monotonicSeconds();
   if (reported_ && !force && now - last_ < 0.1) return false;
@@ -76,48 +104,50 @@ bool ProgressThrottle::shouldReport(bool force) {
   return true;
 }
 
-FileDigest digestFile(const std::string& path, const RangeBounds& bounds) {
-  FileDigest digest;
-  auto reader = LineReader::open(path);
+FileDigest digestFile(const std::string& path, const RangeBounds& bounds, const FileSlice& slice,
+                      FileDigest storage) {
+  FileDigest digest = std::move(storage);
+  digest.clear();
+  auto reader = openSlice(path, slice);
   if (!reader) return digest;
   digest.opened = true;
   TranscriptLineDecoder& decoder = threadDecoder();
   RawTranscriptLine raw;
-  int64_t lineNumber = 0;
-  while (auto line = reader->nextLine()) {
+  int64_t lineNumber = int64_t{slice.index} << 32;
+  while (reader->nextLineOffset() < slice.end) {
+    auto line = reader->nextLine();
+    if (!line) break;
     ++lineNumber;
     std::string_view trimmed = text::trimSpacesAndTabs(*line);
     if (trimmed.empty()) continue;
-    if (!decoder.decode(trimmed, true, &raw)) {
-      digest.lines.push_back(skippedLine(lineNumber));
-      continue;
-    }
-    digest.lines.push_back(digestLine(raw, lineNumber, bounds));
+    if (decoder.decode(trimmed, true, &raw))
+      appendDigestLine(raw, lineNumber, bounds, digest);
+    else
+      appendSkippedLine(lineNumber, digest);
   }
+  finishDigest(digest);
   return digest;
 }
 
-FileBashScan scanFileForBash(const std::string& path, const RangeBounds& bounds) {
+FileBashScan scanFileForBash(const std::string& path, const RangeBounds& bounds, const FileSlice& slice) {
   FileBashScan scan;
-  auto reader = LineReader::open(path);
+  auto reader = openSlice(path, slice);
   if (!reader) return scan;
   scan.opened = true;
   TranscriptLineDecoder& decoder = threadDecoder();
   RawTranscriptLine raw;
-  while (auto line = reader->nextLine()) {
+  while (reader->nextLineOffset() < slice.end) {
+    auto line = reader->nextLine();
+    if (!line) break;
     std::string_view trimmed = text::trimSpacesAndTabs(*line);
-    if (trimmed.empty() || !mayBeAssistant(trimmed)) continue;
+    if (trimmed.empty() || !mayNameAssistant(trimmed)) continue;
     if (!decoder.decode(trimmed, true, &raw)) continue;
     if (raw.type != "assistant") continue;
-    std::optional<std::string> timestamp;
     std::optional<InstantMs> instant;
-    if (raw.timestamp) {
-      timestamp = std::string(*raw.timestamp);
-      instant = ISO8601::parse(*raw.timestamp);
-    }
-    if (!bounds.contains(timestamp, instant)) continue;
+    if (raw.timestamp) instant = ISO8601::parse(*raw.timestamp);
+    if (!bounds.contains(raw.timestamp, instant)) continue;
     BashScanLine& out = scan.lines.emplace_back();
-    if (raw.requestId) out.requestId = std::string(*raw.requestId);
+    if (raw.requestId) out.requestId = scan.strings.store(*raw.requestId);
     if (!raw.message || !raw.message->content) continue;
     for (const auto& block : *raw.message->content) {
       if (block.type == "tool_use" && block.name == "Bash" && block.input && block.input->command)
@@ -131,36 +161,43 @@ void scanBashOccurrences(const std::vector<SessionGroup>& groups, const MeterOpt
                          GlobalAggregator& agg, int64_t totalFiles, const ProgressCallback& onProgress,
                          const Clock& clock) {
   const RangeBounds bounds = RangeBounds::from(options);
-  const std::vector<FileTask> tasks = fileTasks(groups);
+  const Plan plan = planFiles(groups);
   OrderedWork<FileBashScan> work(
-      tasks.size(), [&](size_t i) { return scanFileForBash(*tasks[i].path, bounds); }, workerThreads(), kWindow);
+      plan.slices.size(),
+      [&](size_t i) { return scanFileForBash(*plan.slices[i].first, bounds, plan.slices[i].second); },
+      workerThreads(), kWindow);
 
   std::unordered_map<uint64_t, std::vector<int64_t>> occurrences;
-  std::unordered_set<std::string> seen;
+  IdSet seen;
   int64_t counter = 0, filesOpened = 0;
   ProgressThrottle throttle(clock);
-  for (size_t i = 0; i < tasks.size(); ++i) {
-    FileBashScan scan = work.take(i);
-    if (!scan.opened) continue;
-    std::optional<std::string> current;
+  for (const FileTask& file : plan.files) {
+    bool opened = false;
+    std::optional<std::string> current;  // the file's open request
     bool currentIsRepeat = false;
-    for (const BashScanLine& line : scan.lines) {
-      if (!line.requestId || line.requestId->empty()) {
-        current.reset();
-        currentIsRepeat = false;
-      } else if (current && *current == *line.requestId) {
-        if (currentIsRepeat) continue;
-      } else {
-        current = *line.requestId;
-        currentIsRepeat = !seen.insert(*line.requestId).second;
-        if (currentIsRepeat) continue;
-      }
-      for (uint64_t hash : line.templateHashes) {
-        occurrences[hash].push_back(counter);
-        agg.r2TemplateForIndex.push_back(hash);
-        ++counter;
+    for (size_t s = 0; s < file.sliceCount; ++s) {
+      FileBashScan scan = work.take(file.firstSlice + s);
+      if (s == 0) opened = scan.opened;
+      if (!opened) continue;
+      for (const BashScanLine& line : scan.lines) {
+        if (!line.requestId || line.requestId->empty()) {
+          current.reset();
+          currentIsRepeat = false;
+        } else if (current && *current == *line.requestId) {
+          if (currentIsRepeat) continue;
+        } else {
+          current = std::string(*line.requestId);
+          currentIsRepeat = !seen.insert(*current);
+          if (currentIsRepeat) continue;
+        }
+        for (uint64_t hash : line.templateHashes) {
+          occurrences[hash].push_back(counter);
+          agg.r2TemplateForIndex.push_back(hash);
+          ++counter;
+        }
       }
     }
+    if (!opened) continue;
     ++filesOpened;
     if (onProgress && throttle.shouldReport(filesOpened == totalFiles)) onProgress({filesOpened, totalFiles, 0});
   }
@@ -172,36 +209,51 @@ void scanBashOccurrences(const std::vector<SessionGroup>& groups, const MeterOpt
   }
 }
 
-void processFile(const FileDigest& digest, const std::string& path, SessionState& state, bool isSubagentFile,
-                 const MeterOptions& options, GlobalAggregator& agg) {
-  if (!digest.opened) return;
-  state.resetForFile();
-  const std::string* lastId = nullptr;  // ids repeat line after line; note each run once
-  for (const MeterLine& line : digest.lines) {
-    if (line.kind == MeterLine::Kind::kSkipped) {
-      agg.skippedLines += 1;
-      continue;
+void processFile(const std::function<FileDigest()>& nextSlice, size_t sliceCount, const std::string& path,
+                 SessionState& state, bool isSubagentFile, const MeterOptions& options, GlobalAggregator& agg,
+                 const std::function<void(FileDigest&&)>& done) {
+  auto release = [&](FileDigest&& d) {
+    if (done) done(std::move(d));
+  };
+  std::string lastId;  // ids repeat line after line; note each run once
+  for (size_t s = 0; s < sliceCount; ++s) {
+    FileDigest digest = nextSlice();
+    if (s == 0) {
+      if (!digest.opened) {
+        release(std::move(digest));
+        for (++s; s < sliceCount; ++s) release(nextSlice());
+        return;
+      }
+      state.resetForFile();
     }
-    if (!line.sessionId.empty() && (lastId == nullptr || *lastId != line.sessionId)) {
-      state.sessionIdsSeen.insert(line.sessionId);
-      agg.allSessionIds.insert(line.sessionId);
-      lastId = &line.sessionId;
+    for (const MeterLine& line : digest.lines) {
+      if (line.kind == MeterLine::Kind::kSkipped) {
+        agg.skippedLines += 1;
+        continue;
+      }
+      if (!line.sessionId.empty() && line.sessionId != lastId) {
+        lastId = std::string(line.sessionId);
+        state.sessionIdsSeen.emplace(lastId);
+        agg.allSessionIds.insert(lastId);
+      }
+      if (state.project.empty() && !line.cwd.empty())
+        state.project = std::string(text::lastPathComponent(line.cwd));
+      switch (line.dispatch) {
+        case MeterLine::Dispatch::kAssistant:
+          dispatchAssistantLine(line, state, isSubagentFile, options, agg);
+          break;
+        case MeterLine::Dispatch::kUser:
+          processUser(line, path, line.lineNumber, state);
+          break;
+        case MeterLine::Dispatch::kSystem:
+          processSystem(line, state, options, agg);
+          break;
+        case MeterLine::Dispatch::kNone:
+        case MeterLine::Dispatch::kOther:
+          break;
+      }
     }
-    if (state.project.empty() && !line.cwd.empty()) state.project = std::string(text::lastPathComponent(line.cwd));
-    switch (line.dispatch) {
-      case MeterLine::Dispatch::kAssistant:
-        dispatchAssistantLine(line, state, isSubagentFile, options, agg);
-        break;
-      case MeterLine::Dispatch::kUser:
-        processUser(line, path, line.lineNumber, state);
-        break;
-      case MeterLine::Dispatch::kSystem:
-        processSystem(line, state, options, agg);
-        break;
-      case MeterLine::Dispatch::kNone:
-      case MeterLine::Dispatch::kOther:
-        break;
-    }
+    release(std::move(digest));
   }
   closeOpenGroup(state, options, agg);
   if (isSubagentFile) dispatchUnitCheck(state, options.pricing, agg);
@@ -209,17 +261,13 @@ void processFile(const FileDigest& digest, const std::string& path, SessionState
 
 namespace {
 
-// Pass two over the groups, taking each file's digest from `nextDigest` in
-// reading order.
-template <typename NextDigest>
-void foldGroup(const SessionGroup& group, const MeterOptions& options, GlobalAggregator& agg,
-               NextDigest&& nextDigest) {
-  SessionState state;
-  state.sessionId = group.sessionId;
-  if (group.mainFile) processFile(nextDigest(), *group.mainFile, state, false, options, agg);
+// Pass two over one group; `fold(path, isSubagent)` folds one file.
+template <typename FoldFile>
+void foldGroup(const SessionGroup& group, GlobalAggregator& agg, SessionState& state, FoldFile&& fold) {
+  if (group.mainFile) fold(*group.mainFile, false);
   for (const auto& path : group.subagentFiles) {
     const int64_t before = state.turnCount;
-    processFile(nextDigest(), path, state, true, options, agg);
+    fold(path, true);
     agg.subagentFiles += 1;
     agg.subagentTurns += state.turnCount - before;
   }
@@ -237,11 +285,11 @@ void processSessionGroup(const SessionGroup& group, const MeterOptions& options,
   const RangeBounds bounds = RangeBounds::from(options);
   SessionGroup sorted = group;
   std::sort(sorted.subagentFiles.begin(), sorted.subagentFiles.end());
-  std::vector<std::string> paths;
-  if (sorted.mainFile) paths.push_back(*sorted.mainFile);
-  paths.insert(paths.end(), sorted.subagentFiles.begin(), sorted.subagentFiles.end());
-  size_t next = 0;
-  foldGroup(sorted, options, agg, [&] { return digestFile(paths[next++], bounds); });
+  SessionState state;
+  state.sessionId = sorted.sessionId;
+  foldGroup(sorted, agg, state, [&](const std::string& path, bool isSubagent) {
+    processFile([&] { return digestFile(path, bounds); }, 1, path, state, isSubagent, options, agg);
+  });
 }
 
 namespace MeterEngine {
@@ -254,13 +302,24 @@ MeterRun runWithLoopDetail(const MeterOptions& options, const ProgressCallback& 
   scanBashOccurrences(groups, options, agg, totalFiles, onProgress, clock);
 
   const RangeBounds bounds = RangeBounds::from(options);
-  const std::vector<FileTask> tasks = fileTasks(groups);
+  const Plan plan = planFiles(groups);
+  Recycler<FileDigest> spent;
   OrderedWork<FileDigest> work(
-      tasks.size(), [&](size_t i) { return digestFile(*tasks[i].path, bounds); }, workerThreads(), kWindow);
-  size_t taken = 0;
+      plan.slices.size(),
+      [&](size_t i) { return digestFile(*plan.slices[i].first, bounds, plan.slices[i].second, spent.take()); },
+      workerThreads(), kWindow);
+  auto giveBack = [&](FileDigest&& d) { spent.give(std::move(d)); };
+  size_t nextFile = 0;
   ProgressThrottle throttle(clock);
   for (size_t g = 0; g < groups.size(); ++g) {
-    foldGroup(groups[g], options, agg, [&] { return work.take(taken++); });
+    SessionState state;
+    state.sessionId = groups[g].sessionId;
+    foldGroup(groups[g], agg, state, [&](const std::string& path, bool isSubagent) {
+      const FileTask& file = plan.files[nextFile++];
+      size_t slice = file.firstSlice;
+      processFile([&] { return work.take(slice++); }, file.sliceCount, path, state, isSubagent, options, agg,
+                  giveBack);
+    });
     if (onProgress && throttle.shouldReport(g + 1 == groups.size()))
       onProgress({totalFiles, totalFiles, agg.tokensMetered()});
   }

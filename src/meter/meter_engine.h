@@ -7,6 +7,8 @@
 // fold alone is sequential, in file order, so figures never depend on timing.
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -32,21 +34,33 @@ class ProgressThrottle {
   double last_ = 0;
 };
 
-// The lines of one file, digested for pass two; `opened` is false when the
-// file could not be opened.
-struct FileDigest {
-  bool opened = false;
-  std::vector<MeterLine> lines;  // decoded and skipped lines; blank ones are left out
-};
-
-// What pass one takes from one file.
+// What pass one takes from one slice of a file.
 struct FileBashScan {
   bool opened = false;
   std::vector<BashScanLine> lines;
+  StringArena strings;  // holds the request ids
 };
 
-[[nodiscard]] FileDigest digestFile(const std::string& path, const RangeBounds& bounds);
-[[nodiscard]] FileBashScan scanFileForBash(const std::string& path, const RangeBounds& bounds);
+// A file is read in slices so that both cores share a large file and the
+// lines decoded ahead of the fold stay few: a slice holds the lines that
+// start within [begin, end). The last slice of a file reads to its end.
+struct FileSlice {
+  uint64_t begin = 0;
+  uint64_t end = 0;
+  uint32_t index = 0;  // within its file
+};
+
+// Slices of `fileSize` bytes at most `sliceBytes` long; one for an empty or
+// unreadable file.
+[[nodiscard]] std::vector<FileSlice> sliceFile(uint64_t fileSize, uint64_t sliceBytes);
+
+// Pass two's digest of one slice. Line numbers keep the file's order across
+// slices (the slice index in the high bits).
+// `storage` is a spent digest whose buffers are reused.
+[[nodiscard]] FileDigest digestFile(const std::string& path, const RangeBounds& bounds,
+                                    const FileSlice& slice = {0, UINT64_MAX, 0}, FileDigest storage = {});
+[[nodiscard]] FileBashScan scanFileForBash(const std::string& path, const RangeBounds& bounds,
+                                           const FileSlice& slice = {0, UINT64_MAX, 0});
 
 struct MeterRun {
   Receipt receipt;
@@ -71,9 +85,12 @@ void scanBashOccurrences(const std::vector<SessionGroup>& groups, const MeterOpt
                          GlobalAggregator& agg, int64_t totalFiles, const ProgressCallback& onProgress,
                          const Clock& clock);
 
-// Folds one file's lines into the session.
-void processFile(const FileDigest& digest, const std::string& path, SessionState& state, bool isSubagentFile,
-                 const MeterOptions& options, GlobalAggregator& agg);
+// Folds one file's lines into the session; `nextSlice` gives the digests of
+// its `sliceCount` slices in order.
+// Each digest is handed to `done` once folded (when given).
+void processFile(const std::function<FileDigest()>& nextSlice, size_t sliceCount, const std::string& path,
+                 SessionState& state, bool isSubagentFile, const MeterOptions& options, GlobalAggregator& agg,
+                 const std::function<void(FileDigest&&)>& done = nullptr);
 
 // Reads and folds every file of a group, then finalizes the session.
 void processSessionGroup(const SessionGroup& group, const MeterOptions& options, GlobalAggregator& agg);

@@ -86,23 +86,42 @@ int64_t imageTokens(const RawContentBlock& block) {
   return text::characterCount(*block.source->data) / 4;
 }
 
-MeterLine digestLine(const RawTranscriptLine& line, int64_t lineNumber, const RangeBounds& bounds) {
-  MeterLine m;
+void appendSkippedLine(int64_t lineNumber, FileDigest& digest) {
+  MeterLine& m = digest.lines.emplace_back();
+  m.kind = MeterLine::Kind::kSkipped;
   m.lineNumber = lineNumber;
-  if (line.sessionId) m.sessionId = *line.sessionId;
-  if (line.cwd) m.cwd = *line.cwd;
-  if (!line.type) return m;
-  if (line.timestamp) {
-    m.timestamp = std::string(*line.timestamp);
-    m.instant = ISO8601::parse(*line.timestamp);
-  }
-  if (!bounds.contains(m.timestamp, m.instant)) return m;
+  m.toolUseBegin = static_cast<uint32_t>(digest.toolUses.size());
+  m.toolResultBegin = static_cast<uint32_t>(digest.toolResults.size());
+}
+
+void appendDigestLine(const RawTranscriptLine& line, int64_t lineNumber, const RangeBounds& bounds,
+                      FileDigest& digest) {
+  StringArena& strings = digest.strings;
+  auto keep = [&](std::string_view s) { return strings.store(s); };
+  auto keepOpt = [&](const std::optional<std::string_view>& s) -> std::optional<std::string_view> {
+    if (!s) return std::nullopt;
+    return strings.store(*s);
+  };
+  MeterLine& m = digest.lines.emplace_back();
+  m.lineNumber = lineNumber;
+  m.toolUseBegin = static_cast<uint32_t>(digest.toolUses.size());
+  m.toolResultBegin = static_cast<uint32_t>(digest.toolResults.size());
+  // Lines of a file mostly repeat the previous line's ids; share the copy.
+  const MeterLine* previous = digest.lines.size() >= 2 ? &digest.lines[digest.lines.size() - 2] : nullptr;
+  if (line.sessionId && !line.sessionId->empty())
+    m.sessionId = previous && previous->sessionId == *line.sessionId ? previous->sessionId : keep(*line.sessionId);
+  if (line.cwd && !line.cwd->empty())
+    m.cwd = previous && previous->cwd == *line.cwd ? previous->cwd : keep(*line.cwd);
+  if (!line.type) return;
+  if (line.timestamp) m.instant = ISO8601::parse(*line.timestamp);
+  if (!bounds.contains(line.timestamp, m.instant)) return;
+  m.timestamp = keepOpt(line.timestamp);
 
   std::string_view type = *line.type;
   if (type == "assistant") {
     m.dispatch = MeterLine::Dispatch::kAssistant;
-    if (line.requestId) m.requestId = std::string(*line.requestId);
-    if (line.message && line.message->model) m.model = std::string(*line.message->model);
+    m.requestId = keepOpt(line.requestId);
+    if (line.message) m.model = keepOpt(line.message->model);
     m.usage = turnUsage(line.message);
     if (line.message && line.message->content) {
       for (const auto& block : *line.message->content) {
@@ -113,11 +132,11 @@ MeterLine digestLine(const RawTranscriptLine& line, int64_t lineNumber, const Ra
         } else if (*block.type == "tool_use") {
           m.hasToolUse = true;
           MeterToolUse use;
-          if (block.id) use.id = std::string(*block.id);
-          if (block.name) use.name = std::string(*block.name);
-          if (block.input && block.input->filePath) use.filePath = std::string(*block.input->filePath);
+          if (block.id) use.id = keep(*block.id);
+          if (block.name) use.name = keep(*block.name);
+          if (block.input && block.input->filePath) use.filePath = keep(*block.input->filePath);
           use.hasCommand = block.input && block.input->command.has_value();
-          m.toolUses.push_back(std::move(use));
+          digest.toolUses.push_back(use);
         }
       }
     }
@@ -129,7 +148,7 @@ MeterLine digestLine(const RawTranscriptLine& line, int64_t lineNumber, const Ra
         if (!block.type) continue;
         if (*block.type == "tool_result") {
           if (block.toolUseId && !block.toolUseId->empty())
-            m.toolResults.push_back({std::string(*block.toolUseId), toolResultBytes(block.content)});
+            digest.toolResults.push_back({keep(*block.toolUseId), toolResultBytes(block.content)});
         } else if (*block.type == "image") {
           m.imageCount += 1;
           m.imageTokens += imageTokens(block);
@@ -140,15 +159,26 @@ MeterLine digestLine(const RawTranscriptLine& line, int64_t lineNumber, const Ra
     m.dispatch = MeterLine::Dispatch::kSystem;
     if (line.subtype == "compact_boundary" && line.compactMetadata) {
       m.isCompactBoundary = true;
-      if (line.uuid) m.uuid = std::string(*line.uuid);
-      if (line.compactMetadata->trigger) m.trigger = std::string(*line.compactMetadata->trigger);
+      m.uuid = keepOpt(line.uuid);
+      m.trigger = keepOpt(line.compactMetadata->trigger);
       m.preTokens = line.compactMetadata->preTokens.value_or(0);
       m.postTokens = line.compactMetadata->postTokens.value_or(0);
     }
   } else {
     m.dispatch = MeterLine::Dispatch::kOther;
   }
-  return m;
+}
+
+void finishDigest(FileDigest& digest) {
+  const size_t n = digest.lines.size();
+  for (size_t i = 0; i < n; ++i) {
+    MeterLine& m = digest.lines[i];
+    const size_t useEnd = i + 1 < n ? digest.lines[i + 1].toolUseBegin : digest.toolUses.size();
+    const size_t resultEnd = i + 1 < n ? digest.lines[i + 1].toolResultBegin : digest.toolResults.size();
+    m.toolUses = std::span<const MeterToolUse>(digest.toolUses.data() + m.toolUseBegin, useEnd - m.toolUseBegin);
+    m.toolResults = std::span<const MeterToolResult>(digest.toolResults.data() + m.toolResultBegin,
+                                                     resultEnd - m.toolResultBegin);
+  }
 }
 
 }  // namespace ostler

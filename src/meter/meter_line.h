@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,24 +14,26 @@
 #include "meter/iso8601.h"
 #include "meter/meter_options.h"
 #include "meter/pricing.h"
+#include "meter/string_arena.h"
 #include "meter/transcript_line.h"
 
 namespace ostler {
 
 // A "tool_use" block of an assistant line.
 struct MeterToolUse {
-  std::string id;
-  std::string name;                     // empty when the block has none
-  std::optional<std::string> filePath;  // input.file_path
-  bool hasCommand = false;              // input.command is present
+  std::string_view id;
+  std::string_view name;                     // empty when the block has none
+  std::optional<std::string_view> filePath;  // input.file_path
+  bool hasCommand = false;                   // input.command is present
 };
 
 // A "tool_result" block of a user line that names its call.
 struct MeterToolResult {
-  std::string toolUseId;
+  std::string_view toolUseId;
   int64_t bytes = 0;  // UTF-8 length of its text
 };
 
+// Strings are views into the FileDigest that holds the line.
 struct MeterLine {
   enum class Kind : uint8_t { kDecoded, kSkipped };
   // How the line is dispatched once its ids are noted.
@@ -39,31 +42,57 @@ struct MeterLine {
   Kind kind = Kind::kDecoded;
   Dispatch dispatch = Dispatch::kNone;  // kNone: no `type`, or out of range
   int64_t lineNumber = 0;               // from 1, counting every line of the file
-  std::string sessionId;                // empty when absent
-  std::string cwd;                      // empty when absent
-  std::optional<std::string> timestamp;
+  std::string_view sessionId;           // empty when absent
+  std::string_view cwd;                 // empty when absent
+  std::optional<std::string_view> timestamp;
   std::optional<InstantMs> instant;  // the timestamp, parsed
 
   // Assistant lines.
-  std::optional<std::string> requestId;
-  std::optional<std::string> model;  // message.model
+  std::optional<std::string_view> requestId;
+  std::optional<std::string_view> model;  // message.model
   TurnUsage usage;
   bool hasToolUse = false;
   int64_t textLength = 0;  // characters of "text" blocks, capped at kTextLengthCap
-  std::vector<MeterToolUse> toolUses;
+  std::span<const MeterToolUse> toolUses;
 
   // User lines.
   int64_t typedBytes = 0;  // UTF-8 length of the typed text; 0 when none
-  std::vector<MeterToolResult> toolResults;
+  std::span<const MeterToolResult> toolResults;
   int64_t imageCount = 0;
   int64_t imageTokens = 0;
 
   // System lines: a compaction boundary.
   bool isCompactBoundary = false;
-  std::optional<std::string> uuid;
-  std::optional<std::string> trigger;
+  std::optional<std::string_view> uuid;
+  std::optional<std::string_view> trigger;
   int64_t preTokens = 0;
   int64_t postTokens = 0;
+
+  // Where this line's tool uses and results start in its file's lists.
+  uint32_t toolUseBegin = 0, toolResultBegin = 0;
+};
+
+// The digested lines of one file and the storage they point into. Movable;
+// moving keeps every view valid.
+struct FileDigest {
+  bool opened = false;  // false when the file could not be opened
+  std::vector<MeterLine> lines;  // decoded and skipped lines; blank ones are left out
+  std::vector<MeterToolUse> toolUses;
+  std::vector<MeterToolResult> toolResults;
+  StringArena strings;
+
+  FileDigest() = default;
+  FileDigest(FileDigest&&) noexcept = default;
+  FileDigest& operator=(FileDigest&&) noexcept = default;
+
+  // Empties the digest, keeping its storage for the next slice.
+  void clear() {
+    opened = false;
+    lines.clear();
+    toolUses.clear();
+    toolResults.clear();
+    strings.clear();
+  }
 };
 
 // A turn is mechanical below 200 characters of text, so counting stops there.
@@ -83,13 +112,18 @@ inline constexpr int64_t kTextLengthCap = 200;
 // Estimated tokens of an image: characters of its Base64 text over four.
 [[nodiscard]] int64_t imageTokens(const RawContentBlock& block);
 
-// Digests a decoded line for pass two.
-[[nodiscard]] MeterLine digestLine(const RawTranscriptLine& line, int64_t lineNumber, const RangeBounds& bounds);
+// Digests a decoded line for pass two and appends it to `digest`.
+void appendDigestLine(const RawTranscriptLine& line, int64_t lineNumber, const RangeBounds& bounds,
+                      FileDigest& digest);
+// Appends a line that failed to decode.
+void appendSkippedLine(int64_t lineNumber, FileDigest& digest);
+// After the last line: points each line at its tool uses and results.
+void finishDigest(FileDigest& digest);
 
 // What pass one takes from a line: only assistant lines in range.
 struct BashScanLine {
-  std::optional<std::string> requestId;
-  std::vector<uint64_t> templateHashes;  // one per Bash call with a command, in block order
+  std::optional<std::string_view> requestId;  // a view into its FileBashScan
+  std::vector<uint64_t> templateHashes;        // one per Bash call with a command, in block order
 };
 
 }  // namespace ostler

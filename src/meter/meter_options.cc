@@ -22,7 +22,7 @@ RangeBounds RangeBounds::from(const MeterOptions& options) {
   return b;
 }
 
-bool RangeBounds::contains(const std::optional<std::string>& timestamp,
+bool RangeBounds::contains(const std::optional<std::string_view>& timestamp,
                            const std::optional<InstantMs>& instant) const {
   if (!timestamp || timestamp->empty()) return true;
   // The date forms compare the timestamp's own calendar date as written.
@@ -47,7 +47,9 @@ bool RangeBounds::contains(const std::optional<std::string>& timestamp,
 }
 
 bool inRange(const std::optional<std::string>& timestamp, const MeterOptions& options) {
-  return RangeBounds::from(options).contains(timestamp, parseISO(timestamp));
+  std::optional<std::string_view> view;
+  if (timestamp) view = *timestamp;
+  return RangeBounds::from(options).contains(view, parseISO(timestamp));
 }
 
 }  // namespace ostler

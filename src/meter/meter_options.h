@@ -5,6 +5,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "meter/iso8601.h"
 #include "meter/pricing.h"
@@ -40,7 +41,7 @@ struct RangeBounds {
 
   [[nodiscard]] static RangeBounds from(const MeterOptions& options);
   // Whether a line stamped `timestamp` (already parsed as `instant`) counts.
-  [[nodiscard]] bool contains(const std::optional<std::string>& timestamp,
+  [[nodiscard]] bool contains(const std::optional<std::string_view>& timestamp,
                               const std::optional<InstantMs>& instant) const;
 };
 

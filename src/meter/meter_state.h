@@ -8,21 +8,47 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
+#include "meter/id_set.h"
 #include "meter/iso8601.h"
 #include "meter/pricing.h"
 #include "meter/receipt.h"
+#include "meter/top_k.h"
 
 namespace ostler {
+
+// Lets string-keyed hash containers be searched with a string_view.
+struct TransparentHash {
+  using is_transparent = void;
+  size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
+};
 
 // A receipt detail line to choose from.
 struct DetailCandidate {
   std::string text;
   double usd = 0;
   std::optional<std::string> sessionId;  // first 8 characters of the session id
+};
+
+// Detail lines order by dollars, largest first, then by text.
+struct DetailBefore {
+  bool operator()(const DetailCandidate& a, const DetailCandidate& b) const {
+    if (a.usd != b.usd) return a.usd > b.usd;
+    return a.text < b.text;
+  }
+};
+using DetailCandidates = TopK<DetailCandidate, DetailBefore>;
+
+// Sessions order by spend, largest first, then by id.
+struct TopSessionBefore {
+  bool operator()(const ReceiptTopSession& a, const ReceiptTopSession& b) const {
+    if (a.spent_usd != b.spent_usd) return a.spent_usd > b.spent_usd;
+    return a.sessionId < b.sessionId;
+  }
 };
 
 // One user line, in reading order; images are priced by the turn that
@@ -105,7 +131,7 @@ struct SessionState {
   int64_t contextPeak = 0;
   bool sawCacheReadPositive = false;
   std::optional<InstantMs> lastAssistantTimestamp;
-  std::set<std::string> sessionIdsSeen;
+  std::set<std::string, std::less<>> sessionIdsSeen;
   std::vector<TurnRecord> turns;  // turn t at index t - 1
 
   std::optional<std::string> openRequestId;
@@ -125,9 +151,9 @@ struct SessionState {
   bool hadTypedShareFloorThisSession = false;
   std::vector<MediaEvent> mediaSequence;
   std::vector<size_t> pendingMediaIndices;
-  std::unordered_map<std::string, PendingToolUse> pendingToolUsesById;
-  std::map<std::string, std::vector<int64_t>> readOccurrenceTurns;
-  std::unordered_map<std::string, int64_t> readResultMaxTokens;
+  std::unordered_map<std::string, PendingToolUse, TransparentHash, std::equal_to<>> pendingToolUsesById;
+  std::map<std::string, std::vector<int64_t>, std::less<>> readOccurrenceTurns;
+  std::unordered_map<std::string, int64_t, TransparentHash, std::equal_to<>> readResultMaxTokens;
   std::vector<PendingLargeResult> pendingLargeResults;
   std::optional<std::string> minTimestamp;
   std::optional<std::string> maxTimestamp;
@@ -165,9 +191,9 @@ struct GlobalAggregator {
   int64_t tokensOutput = 0;
   int64_t tokensCacheRead = 0;
   int64_t tokensCacheWrite = 0;
-  std::map<std::string, ModelTally> byModel;
-  std::map<std::string, ProjectTally> byProject;
-  std::map<std::string, double> byDay;
+  std::map<std::string, ModelTally, std::less<>> byModel;
+  std::map<std::string, ProjectTally, std::less<>> byProject;
+  std::map<std::string, double, std::less<>> byDay;
 
   double wasteW1 = 0, wasteW2 = 0, wasteW3 = 0, wasteW4 = 0;
   double macFirstR1 = 0, macFirstR2 = 0, macFirstR3 = 0;
@@ -178,7 +204,7 @@ struct GlobalAggregator {
   double wholeSessionDownshiftUSD = 0, dispatchDownshiftUSD = 0;
   int64_t dispatchDownshiftUnits = 0;
   double dispatchDownshiftSpendUSD = 0;
-  std::vector<DetailCandidate> w1Candidates, w2Candidates, w3Candidates, w4Candidates, r3Candidates;
+  DetailCandidates w1Candidates, w2Candidates, w3Candidates, w4Candidates, r3Candidates;
   int64_t w1SessionsDistinct = 0, w2SessionsDistinct = 0, w3SessionsDistinct = 0, w4SessionsDistinct = 0;
   int64_t r1SessionsDistinct = 0, r2SessionsDistinct = 0, r3SessionsDistinct = 0;
   int64_t sessionsContextOver100k = 0;
@@ -191,14 +217,14 @@ struct GlobalAggregator {
   std::unordered_map<uint64_t, double> r2TemplateAttributed;
 
   std::vector<MediaLoopCandidate> mediaLoopCandidates;
-  std::vector<ReceiptTopSession> topSessions;
+  TopK<ReceiptTopSession, TopSessionBefore> topSessions;
   std::set<std::string> unknownModels;
   int64_t skippedLines = 0;
-  std::unordered_set<std::string> allSessionIds;
+  IdSet allSessionIds;
   int64_t multiSessionIdFiles = 0;
   std::vector<int64_t> turnsPerSessionCounts;
   int64_t subagentFiles = 0, subagentTurns = 0;
-  std::unordered_set<std::string> seenRequestIds;
+  IdSet seenRequestIds;
   int64_t linesWithoutRequestId = 0;
   int64_t duplicateRequestGroupLines = 0;
   std::optional<std::string> minTimestamp, maxTimestamp;
@@ -209,7 +235,7 @@ struct GlobalAggregator {
 
   double switchTaxUSD = 0;
   int64_t switchTaxEvents = 0, switchTaxSessions = 0;
-  std::vector<DetailCandidate> switchTaxCandidates;
+  DetailCandidates switchTaxCandidates;
   double switchTaxCounterfactualUSD = 0;
 
   double compactionPrimaryUSD = 0, compactionBoundUSD = 0;
@@ -217,12 +243,12 @@ struct GlobalAggregator {
   double compactionExamplePrimaryUSD = 0;
   int64_t compactionExamplePreTokens = 0, compactionExamplePostTokens = 0;
   double compactionPrimaryPreLegUSD = 0, compactionBoundPreLegUSD = 0, compactionOutputLegUSD = 0;
-  std::vector<DetailCandidate> compactionCandidates;
+  DetailCandidates compactionCandidates;
   int64_t compactionSessionsDistinct = 0;
-  std::unordered_set<std::string> seenCompactionUuids;
+  IdSet seenCompactionUuids;
 
   // Lowers minTimestamp and raises maxTimestamp, as text; empty is ignored.
-  void observe(const std::optional<std::string>& timestamp);
+  void observe(const std::optional<std::string_view>& timestamp);
   // Whether Bash occurrence `k` qualifies as a repeat.
   [[nodiscard]] bool qualifies(int64_t k) const {
     return k >= 0 && static_cast<size_t>(k) < r2QualifyingIndices.size() && r2QualifyingIndices[static_cast<size_t>(k)];

@@ -9,10 +9,10 @@ namespace {
 
 double seconds(InstantMs later, InstantMs earlier) { return static_cast<double>(later - earlier) / 1000.0; }
 
-void updateSessionSpan(SessionState& state, const std::optional<std::string>& timestamp) {
+void updateSessionSpan(SessionState& state, const std::optional<std::string_view>& timestamp) {
   if (!timestamp || timestamp->empty()) return;
-  if (!state.minTimestamp || *timestamp < *state.minTimestamp) state.minTimestamp = *timestamp;
-  if (!state.maxTimestamp || *timestamp > *state.maxTimestamp) state.maxTimestamp = *timestamp;
+  if (!state.minTimestamp || *timestamp < *state.minTimestamp) state.minTimestamp = std::string(*timestamp);
+  if (!state.maxTimestamp || *timestamp > *state.maxTimestamp) state.maxTimestamp = std::string(*timestamp);
 }
 
 ResolvedRate resolveNoting(const std::string& model, const MeterOptions& options, GlobalAggregator& agg) {
@@ -54,10 +54,10 @@ std::string projectLabel(const SessionState& state) { return state.project.empty
 
 std::string sessionId8(const std::string& sessionId) { return std::string(text::prefixCharacters(sessionId, 8)); }
 
-void GlobalAggregator::observe(const std::optional<std::string>& timestamp) {
+void GlobalAggregator::observe(const std::optional<std::string_view>& timestamp) {
   if (!timestamp || timestamp->empty()) return;
-  if (!minTimestamp || *timestamp < *minTimestamp) minTimestamp = *timestamp;
-  if (!maxTimestamp || *timestamp > *maxTimestamp) maxTimestamp = *timestamp;
+  if (!minTimestamp || *timestamp < *minTimestamp) minTimestamp = std::string(*timestamp);
+  if (!maxTimestamp || *timestamp > *maxTimestamp) maxTimestamp = std::string(*timestamp);
 }
 
 void SessionState::resetForFile() {
@@ -88,7 +88,7 @@ void dispatchAssistantLine(const MeterLine& line, SessionState& state, bool isSu
     closeOpenGroup(state, options, agg);
     return;
   }
-  const std::string& id = *line.requestId;
+  const std::string_view id = *line.requestId;
   if (state.openRequestId && *state.openRequestId == id) {
     if (state.openIsDuplicate)
       recordRealFactsFromDuplicateLine(line, state);
@@ -97,8 +97,8 @@ void dispatchAssistantLine(const MeterLine& line, SessionState& state, bool isSu
     return;
   }
   closeOpenGroup(state, options, agg);
-  if (agg.seenRequestIds.count(id) != 0) {
-    state.openRequestId = id;
+  if (agg.seenRequestIds.contains(id)) {
+    state.openRequestId = std::string(id);
     state.openIsDuplicate = true;
     state.openTurnIndex.reset();
     agg.duplicateRequestGroupLines += 1;
@@ -109,10 +109,10 @@ void dispatchAssistantLine(const MeterLine& line, SessionState& state, bool isSu
   beginGroup(line, id, state, isSubagentFile, options, agg);
 }
 
-void beginGroup(const MeterLine& line, const std::optional<std::string>& requestId, SessionState& state,
+void beginGroup(const MeterLine& line, const std::optional<std::string_view>& requestId, SessionState& state,
                 bool isSubagentFile, const MeterOptions& options, GlobalAggregator& agg) {
   // 1. Model, usage and rate.
-  const std::string model = line.model.value_or("");
+  const std::string model(line.model.value_or(std::string_view{}));
   const TurnUsage& u = line.usage;
   const ResolvedRate resolved = resolveNoting(model, options, agg);
   const PricingRate& r = resolved.rate;
@@ -216,7 +216,9 @@ void beginGroup(const MeterLine& line, const std::optional<std::string>& request
   if (line.timestamp) {
     std::string_view day = text::prefixCharacters(*line.timestamp, 10);
     if (text::characterCount(day) >= 10) {
-      agg.byDay[std::string(day)] += cost;
+      auto it = agg.byDay.find(day);
+      if (it == agg.byDay.end()) it = agg.byDay.emplace(std::string(day), 0.0).first;
+      it->second += cost;
       turn.day = std::string(day);
     }
     agg.observe(line.timestamp);
@@ -228,7 +230,10 @@ void beginGroup(const MeterLine& line, const std::optional<std::string>& request
   state.openGroupHasToolUse = blocks.hasToolUse;
   state.openGroupTextLength = blocks.textLength;
   state.openGroupLastUsage = u;
-  state.openRequestId = requestId;
+  if (requestId)
+    state.openRequestId = std::string(*requestId);
+  else
+    state.openRequestId.reset();
   state.openTurnIndex = t;
   state.openIsDuplicate = false;
 }
@@ -237,7 +242,7 @@ void continueGroup(const MeterLine& line, int64_t t, SessionState& state, const 
                    GlobalAggregator& agg) {
   TurnRecord& turn = state.turn(t);
   // 1. An empty model is present (and free); only a missing one falls back.
-  const std::string model = line.model ? *line.model : turn.model;
+  const std::string model = line.model ? std::string(*line.model) : turn.model;
   const TurnUsage& u = line.usage;
   const ResolvedRate resolved = resolveNoting(model, options, agg);
   const PricingRate& r = resolved.rate;
@@ -323,7 +328,7 @@ void closeOpenGroup(SessionState& state, const MeterOptions& options, GlobalAggr
 
 void recordRealFactsFromDuplicateLine(const MeterLine& line, SessionState& state) {
   if (!line.model || line.model->empty() || *line.model == "<synthetic>") return;
-  state.lastRealModel = *line.model;
+  state.lastRealModel = std::string(*line.model);
   state.lastRealUsage = line.usage;
   state.lastRealTimestamp = line.instant;
 }
@@ -331,8 +336,18 @@ void recordRealFactsFromDuplicateLine(const MeterLine& line, SessionState& state
 ContentBlocksOutcome processContentBlocks(const MeterLine& line, int64_t t, SessionState& state,
                                           GlobalAggregator& agg) {
   for (const MeterToolUse& use : line.toolUses) {
-    if (use.name == "Read" && use.filePath) state.readOccurrenceTurns[*use.filePath].push_back(t);
-    if (!use.id.empty()) state.pendingToolUsesById[use.id] = PendingToolUse{use.name, use.filePath, t};
+    if (use.name == "Read" && use.filePath) {
+      auto it = state.readOccurrenceTurns.find(*use.filePath);
+      if (it == state.readOccurrenceTurns.end())
+        it = state.readOccurrenceTurns.emplace(std::string(*use.filePath), std::vector<int64_t>{}).first;
+      it->second.push_back(t);
+    }
+    if (!use.id.empty()) {
+      std::optional<std::string> filePath;
+      if (use.filePath) filePath = std::string(*use.filePath);
+      state.pendingToolUsesById.insert_or_assign(std::string(use.id),
+                                                 PendingToolUse{std::string(use.name), std::move(filePath), t});
+    }
     if (use.name == "Bash" && use.hasCommand) {
       const int64_t k = agg.bashCounter++;
       TurnRecord& turn = state.turn(t);
@@ -368,7 +383,7 @@ void processUser(const MeterLine& line, const std::string& path, int64_t lineNum
     event.imageCount = line.imageCount;
     event.imageTokens = line.imageTokens;
   }
-  event.timestamp = line.timestamp.value_or("");
+  event.timestamp = std::string(line.timestamp.value_or(std::string_view{}));
   event.filePath = path;
   event.lineNumber = lineNumber;
   state.mediaSequence.push_back(std::move(event));
@@ -378,10 +393,10 @@ void processUser(const MeterLine& line, const std::string& path, int64_t lineNum
 void processSystem(const MeterLine& line, SessionState& state, const MeterOptions& options, GlobalAggregator& agg) {
   if (!line.isCompactBoundary) return;
   if (line.uuid && !line.uuid->empty()) {
-    if (!agg.seenCompactionUuids.insert(*line.uuid).second) return;
+    if (!agg.seenCompactionUuids.insert(*line.uuid)) return;
   }
   const int64_t pre = line.preTokens, post = line.postTokens;
-  const std::string trigger = line.trigger.value_or("auto");
+  const std::string_view trigger = line.trigger.value_or("auto");
   agg.compactionCount += 1;
   if (trigger == "auto")
     agg.compactionInvoluntaryCount += 1;

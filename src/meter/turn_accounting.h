@@ -19,7 +19,7 @@ namespace ostler {
 void dispatchAssistantLine(const MeterLine& line, SessionState& state, bool isSubagentFile,
                            const MeterOptions& options, GlobalAggregator& agg);
 
-void beginGroup(const MeterLine& line, const std::optional<std::string>& requestId, SessionState& state,
+void beginGroup(const MeterLine& line, const std::optional<std::string_view>& requestId, SessionState& state,
                 bool isSubagentFile, const MeterOptions& options, GlobalAggregator& agg);
 void continueGroup(const MeterLine& line, int64_t turnIndex, SessionState& state, const MeterOptions& options,
                    GlobalAggregator& agg);
