@@ -47,7 +47,7 @@ void flushMediaRun(const std::vector<const MediaEvent*>& run, const std::string&
   loop.sessionId = sessionId;
   loop.project = project;
   loop.images = images;
-  std::set<std::string> files;
+  std::set<std::string_view> files;
   for (const MediaEvent* e : run) {
     loop.rawUsd += e->usd;
     if (e->entryTurn) {
@@ -56,8 +56,8 @@ void flushMediaRun(const std::vector<const MediaEvent*>& run, const std::string&
     }
     files.insert(e->filePath);
   }
-  loop.firstTimestamp = run.front()->timestamp;
-  loop.lastTimestamp = run.back()->timestamp;
+  loop.firstTimestamp = std::string(run.front()->timestamp);
+  loop.lastTimestamp = std::string(run.back()->timestamp);
   loop.fileCount = static_cast<int64_t>(files.size());
   agg.mediaLoopCandidates.push_back(std::move(loop));
 }

@@ -17,6 +17,7 @@
 #include "meter/iso8601.h"
 #include "meter/pricing.h"
 #include "meter/receipt.h"
+#include "meter/string_arena.h"
 #include "meter/top_k.h"
 
 namespace ostler {
@@ -59,9 +60,9 @@ struct MediaEvent {
   int64_t imageTokens = 0;
   double usd = 0;                     // 0 until the next turn sets it
   std::optional<int64_t> entryTurn;   // the turn that took the images in
-  std::string timestamp;              // empty when the line has none
-  std::string filePath;
-  int64_t lineNumber = 0;
+  std::string_view timestamp;         // empty when the line has none
+  std::string_view filePath;
+  int64_t lineNumber = 0;             // orders the lines of one file
 };
 
 // A tool call not yet answered.
@@ -159,6 +160,10 @@ struct SessionState {
   std::optional<std::string> maxTimestamp;
   int64_t toolUseOnlyCount = 0;
   double spentAtSonnet = 0;
+
+  // Owns the text of the media events.
+  StringArena strings;
+  std::string_view mediaFilePath;  // the current file's path, in `strings`
 
   // Figures of the file being read (a subagent file is one dispatch unit).
   int64_t unitTurnCount = 0;

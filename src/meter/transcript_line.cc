@@ -7,6 +7,13 @@ using simdjson::dom::array;
 using simdjson::dom::element;
 using simdjson::dom::object;
 
+// The block list of the previous line on this thread, kept so that its
+// storage serves the next line instead of a fresh allocation per line.
+std::vector<RawContentBlock>& spareBlocks() {
+  thread_local std::vector<RawContentBlock> spare;
+  return spare;
+}
+
 // Of duplicate keys the first wins: each key is taken once, later copies
 // are ignored.
 struct SeenKeys {
@@ -239,7 +246,8 @@ void decodeMessageContent(element value, std::optional<std::vector<RawContentBlo
       return;
     case simdjson::dom::element_type::ARRAY: {
       array a = value.get_array().value_unsafe();
-      auto& blocks = content->emplace();
+      auto& blocks = content->emplace(std::move(spareBlocks()));
+      blocks.clear();
       blocks.reserve(a.size());
       for (element item : a) {
         RawContentBlock& block = blocks.emplace_back();
@@ -256,6 +264,7 @@ void decodeMessageContent(element value, std::optional<std::vector<RawContentBlo
 }
 
 bool decodeRawTranscriptLine(object root, RawTranscriptLine* out) {
+  if (out->message && out->message->content) spareBlocks() = std::move(*out->message->content);
   *out = RawTranscriptLine{};
   bool ok = true;
   SeenKeys seen;

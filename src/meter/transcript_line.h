@@ -93,7 +93,8 @@ struct RawTranscriptLine {
 };
 
 // Decodes the object of an already parsed line. Returns false when the line
-// fails to decode; `out` is then unspecified.
+// fails to decode; `out` is then unspecified. Storage left in `out` by an
+// earlier line is reused.
 [[nodiscard]] bool decodeRawTranscriptLine(simdjson::dom::object root, RawTranscriptLine* out);
 
 // Reads `content` leniently: fills `content` or `contentText`, or neither.

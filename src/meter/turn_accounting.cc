@@ -383,8 +383,9 @@ void processUser(const MeterLine& line, const std::string& path, int64_t lineNum
     event.imageCount = line.imageCount;
     event.imageTokens = line.imageTokens;
   }
-  event.timestamp = std::string(line.timestamp.value_or(std::string_view{}));
-  event.filePath = path;
+  if (line.timestamp) event.timestamp = state.strings.store(*line.timestamp);
+  if (state.mediaFilePath != path) state.mediaFilePath = state.strings.store(path);
+  event.filePath = state.mediaFilePath;
   event.lineNumber = lineNumber;
   state.mediaSequence.push_back(std::move(event));
   if (line.imageCount >= 1) state.pendingMediaIndices.push_back(state.mediaSequence.size() - 1);
