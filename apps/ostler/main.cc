@@ -72,14 +72,14 @@ int runReceipt(const ReceiptFlags& flags, const CLI::App& command) {
       return usageError(command, fmt::format("not an ISO 8601 instant: {}", **instant));
 
   std::error_code ec;
-  if (!std::filesystem::is_directory(flags.root, ec)) {
-    std::cerr << "ostler: no transcript folder at " << flags.root << "\n";
-    return 1;
-  }
-  const bool defaultRootUsed = flags.root == defaultRoot();
-  if (defaultRootUsed && ostler::discoverSessionGroups(flags.root).empty()) {
+  const bool isDirectory = std::filesystem::is_directory(flags.root, ec);
+  if (flags.root == defaultRoot() && (!isDirectory || ostler::discoverSessionGroups(flags.root).empty())) {
     std::cerr << "ostler: no transcripts under " << flags.root << "; try the sample: ostler receipt --root "
               << OSTLER_SAMPLE_ROOT << "\n";
+    return 1;
+  }
+  if (!isDirectory) {
+    std::cerr << "ostler: no transcript folder at " << flags.root << "\n";
     return 1;
   }
 
@@ -116,13 +116,13 @@ int main(int argc, char** argv) {
   ReceiptFlags flags;
   flags.root = defaultRoot();
   CLI::App* receipt = app.add_subcommand("receipt", "price every request of a transcript tree");
-  receipt->add_option("--root", flags.root, "transcript root (default ~/.claude/projects)");
-  receipt->add_option("--since", flags.since, "first day, YYYY-MM-DD, inclusive");
-  receipt->add_option("--until", flags.until, "last day, YYYY-MM-DD, inclusive");
-  receipt->add_option("--since-instant", flags.sinceInstant, "lower bound, ISO 8601 instant, inclusive");
-  receipt->add_option("--until-instant", flags.untilInstant, "upper bound, ISO 8601 instant, exclusive");
+  receipt->add_option("--root", flags.root, "transcript root (default ~/.claude/projects)")->type_name("DIR");
+  receipt->add_option("--since", flags.since, "first day, inclusive")->type_name("YYYY-MM-DD");
+  receipt->add_option("--until", flags.until, "last day, inclusive")->type_name("YYYY-MM-DD");
+  receipt->add_option("--since-instant", flags.sinceInstant, "lower bound, inclusive")->type_name("ISO8601");
+  receipt->add_option("--until-instant", flags.untilInstant, "upper bound, exclusive")->type_name("ISO8601");
   receipt->add_flag("--json", flags.json, "print the receipt as JSON");
-  receipt->add_option("--loops", flags.loops, "write the media loop detail as JSON to FILE");
+  receipt->add_option("--loops", flags.loops, "write the media loop detail as JSON")->type_name("FILE");
 
   try {
     app.parse(argc, argv);
