@@ -1,0 +1,251 @@
+#include "daemon/daemon_raw_line.h"
+
+namespace ostler {
+namespace {
+
+using simdjson::dom::array;
+using simdjson::dom::element;
+using simdjson::dom::object;
+
+// Of duplicate keys the first wins: each key is taken once.
+struct SeenKeys {
+  uint32_t bits = 0;
+  bool first(int bit) {
+    if (bits & (1u << bit)) return false;
+    bits |= 1u << bit;
+    return true;
+  }
+};
+
+// Opens an optional object: true with `*present` false on null, false on a
+// wrong type.
+bool openObject(element e, object* o, bool* present) {
+  switch (json::getObject(e, o)) {
+    case json::Field::kAbsent: *present = false; return true;
+    case json::Field::kWrongType: return false;
+    case json::Field::kPresent: *present = true; return true;
+  }
+  return false;
+}
+
+bool decodeCacheCreation(element e, std::optional<DaemonRawCacheCreation>* out) {
+  object o;
+  bool present = false;
+  if (!openObject(e, &o, &present)) return false;
+  if (!present) return true;
+  DaemonRawCacheCreation r;
+  bool ok = true;
+  SeenKeys seen;
+  for (auto field : o) {
+    if (field.key == "ephemeral_5m_input_tokens") {
+      if (seen.first(0)) r.ephemeral5mInputTokens = json::optInt64(field.value, ok);
+    } else if (field.key == "ephemeral_1h_input_tokens") {
+      if (seen.first(1)) r.ephemeral1hInputTokens = json::optInt64(field.value, ok);
+    }
+    if (!ok) return false;
+  }
+  *out = r;
+  return true;
+}
+
+bool decodeUsage(element e, std::optional<DaemonRawUsage>* out) {
+  object o;
+  bool present = false;
+  if (!openObject(e, &o, &present)) return false;
+  if (!present) return true;
+  DaemonRawUsage r;
+  bool ok = true;
+  SeenKeys seen;
+  for (auto field : o) {
+    std::string_view k = field.key;
+    if (k == "input_tokens") {
+      if (seen.first(0)) r.inputTokens = json::optInt64(field.value, ok);
+    } else if (k == "output_tokens") {
+      if (seen.first(1)) r.outputTokens = json::optInt64(field.value, ok);
+    } else if (k == "cache_read_input_tokens") {
+      if (seen.first(2)) r.cacheReadInputTokens = json::optInt64(field.value, ok);
+    } else if (k == "cache_creation_input_tokens") {
+      if (seen.first(3)) r.cacheCreationInputTokens = json::optInt64(field.value, ok);
+    } else if (k == "cache_creation") {
+      if (seen.first(4) && !decodeCacheCreation(field.value, &r.cacheCreation)) ok = false;
+    }
+    if (!ok) return false;
+  }
+  *out = r;
+  return true;
+}
+
+bool decodeImageSource(element e, std::optional<DaemonRawImageSource>* out) {
+  object o;
+  bool present = false;
+  if (!openObject(e, &o, &present)) return false;
+  if (!present) return true;
+  DaemonRawImageSource r;
+  bool ok = true;
+  SeenKeys seen;
+  for (auto field : o) {
+    if (field.key == "data" && seen.first(0)) r.data = json::optString(field.value, ok);
+    if (!ok) return false;
+  }
+  *out = r;
+  return true;
+}
+
+bool decodeContentBlock(element e, DaemonRawContentBlock* out) {
+  object o;
+  if (json::getObject(e, &o) != json::Field::kPresent) return false;
+  bool ok = true;
+  SeenKeys seen;
+  for (auto field : o) {
+    std::string_view k = field.key;
+    if (k == "type") {
+      if (seen.first(0)) out->type = json::optString(field.value, ok);
+    } else if (k == "text") {
+      if (seen.first(1)) out->text = json::optString(field.value, ok);
+    } else if (k == "source") {
+      if (seen.first(2) && !decodeImageSource(field.value, &out->source)) ok = false;
+    }
+    if (!ok) return false;
+  }
+  return true;
+}
+
+// The lenient key: a string fills `contentText`, a list whose every block
+// decodes fills `content`, anything else fills neither and fails nothing.
+void decodeContent(element value, DaemonRawMessage* m) {
+  switch (value.type()) {
+    case simdjson::dom::element_type::STRING:
+      m->contentText = std::string_view(value.get_string().value_unsafe());
+      return;
+    case simdjson::dom::element_type::ARRAY: {
+      array a = value.get_array().value_unsafe();
+      auto& blocks = m->content.emplace();
+      blocks.reserve(a.size());
+      for (element item : a) {
+        if (!decodeContentBlock(item, &blocks.emplace_back())) {
+          m->content.reset();
+          return;
+        }
+      }
+      return;
+    }
+    default:
+      return;
+  }
+}
+
+bool decodeMessage(element e, std::optional<DaemonRawMessage>* out) {
+  object o;
+  bool present = false;
+  if (!openObject(e, &o, &present)) return false;
+  if (!present) return true;
+  DaemonRawMessage& r = out->emplace();
+  bool ok = true;
+  SeenKeys seen;
+  for (auto field : o) {
+    std::string_view k = field.key;
+    if (k == "model") {
+      if (seen.first(0)) r.model = json::optString(field.value, ok);
+    } else if (k == "usage") {
+      if (seen.first(1) && !decodeUsage(field.value, &r.usage)) ok = false;
+    } else if (k == "content") {
+      if (seen.first(2)) decodeContent(field.value, &r);
+    }
+    if (!ok) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+bool decodeDaemonRawLine(object root, DaemonRawLine* out) {
+  *out = DaemonRawLine{};
+  bool ok = true;
+  SeenKeys seen;
+  for (auto field : root) {
+    std::string_view k = field.key;
+    // Dispatch on length first: most keys of a line are not read at all.
+    switch (k.size()) {
+      case 3:
+        if (k == "cwd" && seen.first(0)) out->cwd = json::optString(field.value, ok);
+        break;
+      case 4:
+        if (k == "type" && seen.first(1)) out->type = json::optString(field.value, ok);
+        break;
+      case 5:
+        if (k == "error" && seen.first(2)) out->error = json::optString(field.value, ok);
+        break;
+      case 7:
+        if (k == "message") {
+          if (seen.first(3) && !decodeMessage(field.value, &out->message)) ok = false;
+        } else if (k == "aiTitle") {
+          if (seen.first(4)) out->aiTitle = json::optString(field.value, ok);
+        }
+        break;
+      case 9:
+        if (k == "timestamp") {
+          if (seen.first(5)) out->timestamp = json::optString(field.value, ok);
+        } else if (k == "sessionId") {
+          if (seen.first(6)) out->sessionId = json::optString(field.value, ok);
+        } else if (k == "requestId") {
+          if (seen.first(7)) out->requestId = json::optString(field.value, ok);
+        }
+        break;
+      case 10:
+        if (k == "lastPrompt" && seen.first(8)) out->lastPrompt = json::optString(field.value, ok);
+        break;
+      case 11:
+        if (k == "customTitle" && seen.first(9)) out->customTitle = json::optString(field.value, ok);
+        break;
+      case 17:
+        if (k == "isApiErrorMessage" && seen.first(10)) out->isApiErrorMessage = json::optBool(field.value, ok);
+        break;
+      default:
+        break;
+    }
+    if (!ok) return false;
+  }
+  return true;
+}
+
+bool DaemonLineDecoder::decode(std::string_view line, bool padded, DaemonRawLine* out) {
+  auto root = parser_.parse(line, padded);
+  if (!root) return false;
+  return decodeDaemonRawLine(*root, out);
+}
+
+TurnUsage daemonTurnUsage(const DaemonRawLine& line) {
+  TurnUsage u;
+  if (!line.message || !line.message->usage) return u;
+  const DaemonRawUsage& raw = *line.message->usage;
+  u.input = raw.inputTokens.value_or(0);
+  u.output = raw.outputTokens.value_or(0);
+  u.cacheRead = raw.cacheReadInputTokens.value_or(0);
+  if (raw.cacheCreation) {
+    u.cache5m = raw.cacheCreation->ephemeral5mInputTokens.value_or(0);
+    u.cache1h = raw.cacheCreation->ephemeral1hInputTokens.value_or(0);
+  } else {
+    u.cache5m = raw.cacheCreationInputTokens.value_or(0);
+  }
+  return u;
+}
+
+std::string_view daemonModel(const DaemonRawLine& line) {
+  if (!line.message || !line.message->model) return {};
+  return *line.message->model;
+}
+
+std::string joinedBlockText(const DaemonRawLine& line) {
+  std::string joined;
+  if (!line.message || !line.message->content) return joined;
+  bool first = true;
+  for (const auto& block : *line.message->content) {
+    if (!block.text) continue;
+    if (!first) joined.push_back(' ');
+    joined.append(*block.text);
+    first = false;
+  }
+  return joined;
+}
+
+}  // namespace ostler

@@ -1,0 +1,99 @@
+// The live engine's own reading of one transcript line. It is narrower than
+// the meter's (no tool fields, no compaction keys, no uuid or flags) and adds
+// five keys the meter does not read: `isApiErrorMessage`, `error`, `aiTitle`,
+// `customTitle` and `lastPrompt`.
+//
+// Every field is optional: a missing key and a JSON null both leave it
+// absent. A key read here that is present with the wrong JSON type fails the
+// whole line, except at `message.content`, whose two readings (the list of
+// blocks and the plain string) each fail alone and leave their field absent.
+// Keys not read here never fail a line, whatever their type. Of duplicate
+// keys the first wins.
+//
+// Strings are views into the decoder's buffers and stay valid until the
+// decoder's next call.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "meter/json_line.h"
+#include "meter/pricing.h"
+
+namespace ostler {
+
+struct DaemonRawCacheCreation {
+  std::optional<int64_t> ephemeral5mInputTokens;  // ephemeral_5m_input_tokens
+  std::optional<int64_t> ephemeral1hInputTokens;  // ephemeral_1h_input_tokens
+};
+
+struct DaemonRawUsage {
+  std::optional<int64_t> inputTokens;               // input_tokens
+  std::optional<int64_t> outputTokens;              // output_tokens
+  std::optional<int64_t> cacheReadInputTokens;      // cache_read_input_tokens
+  std::optional<int64_t> cacheCreationInputTokens;  // cache_creation_input_tokens
+  std::optional<DaemonRawCacheCreation> cacheCreation;  // cache_creation
+};
+
+struct DaemonRawImageSource {
+  std::optional<std::string_view> data;  // the image's Base64 text
+};
+
+struct DaemonRawContentBlock {
+  std::optional<std::string_view> type;
+  std::optional<std::string_view> text;
+  std::optional<DaemonRawImageSource> source;
+};
+
+struct DaemonRawMessage {
+  std::optional<std::string_view> model;
+  std::optional<DaemonRawUsage> usage;
+  std::optional<std::vector<DaemonRawContentBlock>> content;  // list form of `content`
+  std::optional<std::string_view> contentText;                // string form of `content`
+};
+
+struct DaemonRawLine {
+  std::optional<std::string_view> type;       // routes the line
+  std::optional<std::string_view> timestamp;  // ISO 8601 text
+  std::optional<std::string_view> sessionId;  // decoded; the file decides the session
+  std::optional<std::string_view> cwd;
+  std::optional<DaemonRawMessage> message;
+  std::optional<bool> isApiErrorMessage;
+  std::optional<std::string_view> error;
+  std::optional<std::string_view> requestId;
+  std::optional<std::string_view> aiTitle;
+  std::optional<std::string_view> customTitle;
+  std::optional<std::string_view> lastPrompt;
+};
+
+// Decodes the top-level object of an already parsed line. Returns false when
+// the line fails to decode; `out` is then unspecified.
+[[nodiscard]] bool decodeDaemonRawLine(simdjson::dom::object root, DaemonRawLine* out);
+
+// Parser and decoder together; one per engine or scan, reused line after line.
+class DaemonLineDecoder {
+ public:
+  // Decodes `line` (already trimmed). When `padded` is true the caller
+  // guarantees simdjson::SIMDJSON_PADDING readable bytes behind the line.
+  [[nodiscard]] bool decode(std::string_view line, bool padded, DaemonRawLine* out);
+
+ private:
+  JsonLineParser parser_;
+};
+
+// The five token counts of the line's usage; all 0 without message or usage.
+// The `cache_creation` split, when present, wins over the flat
+// `cache_creation_input_tokens`, even when it is empty.
+[[nodiscard]] TurnUsage daemonTurnUsage(const DaemonRawLine& line);
+
+// The line's model, empty when absent.
+[[nodiscard]] std::string_view daemonModel(const DaemonRawLine& line);
+
+// The `text` of the message's content blocks, those without text left out,
+// joined by one space; empty when the content is not a list.
+[[nodiscard]] std::string joinedBlockText(const DaemonRawLine& line);
+
+}  // namespace ostler

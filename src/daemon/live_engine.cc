@@ -1,0 +1,234 @@
+// Reading: discovery, tail reads, routing, garbage collection, tallies and
+// persistence of the live engine. The fold of a line into the figures is in
+// live_engine_accounting.cc, the window gauges in live_engine_windows.cc.
+#include "daemon/live_engine.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <system_error>
+
+#include "daemon/collapse_whitespace.h"
+#include "daemon/local_day.h"
+#include "daemon/session_discovery.h"
+#include "daemon/tail_reader.h"
+#include "meter/text.h"
+
+namespace ostler {
+
+namespace {
+
+// A chat is named by the first words typed into it: the first 4,000
+// characters on one line, cut to 80.
+constexpr int64_t kFirstMessageScanCharacters = 4000;
+constexpr int64_t kFirstMessageCharacters = 80;
+
+}  // namespace
+
+LiveEngine::LiveEngine(PricingTable pricing, std::string timeZoneId)
+    : pricing_(std::move(pricing)), timeZoneId_(std::move(timeZoneId)) {}
+
+std::set<std::string> LiveEngine::poll(const std::string& root, InstantMs now,
+                                       const ShutdownSignalSource* shutdownSignal) {
+  // The rollover comes first, so no line of a new day is ever folded into
+  // the day before.
+  rollOverDay(now);
+  std::set<std::string> touched;
+  std::vector<DaemonFile> files = SessionDiscovery::discoverFiles(root);
+  if (!hasDoneInitialScan_) {
+    hasDoneInitialScan_ = true;
+    gcDeadEntries(files);
+  }
+  for (const DaemonFile& file : files) {
+    if (shutdownSignal != nullptr && shutdownSignal->isRequested()) break;
+    if (readFile(file, now)) touched.insert(file.sessionId);
+  }
+  pruneBurns(now);
+  return touched;
+}
+
+void LiveEngine::rollOverDay(InstantMs now) {
+  InstantMs start = LocalDay::localMidnightInstant(now, timeZoneId_);
+  if (todayBoundary_ == start) return;
+  todayBoundary_ = start;
+  todaySpentUSD_ = 0;
+  todayTurns_ = 0;
+  todayTokensByFamily_.clear();
+  isDirty_ = true;
+}
+
+bool LiveEngine::readFile(const DaemonFile& file, InstantMs now) {
+  std::error_code ec;
+  uintmax_t rawSize = std::filesystem::file_size(file.path, ec);
+  if (ec || rawSize > uintmax_t(INT64_MAX)) return false;
+  const auto size = static_cast<int64_t>(rawSize);
+  auto stored = fileOffsets_.find(file.path);
+  int64_t storedOffset = stored != fileOffsets_.end() ? stored->second : 0;
+  // A file that shrank was replaced or rewritten: read it again from its
+  // first byte; the request dedupe keeps its old requests from counting twice.
+  int64_t start = size < storedOffset ? 0 : storedOffset;
+  if (start >= size) return false;
+  auto reader = TailReader::open(file.path, start);
+  if (!reader) return false;
+
+  bool yielded = false;
+  DaemonRawLine line;
+  while (auto raw = reader->nextLine()) {
+    yielded = true;
+    // The parser repairs invalid UTF-8 itself, so raw bytes are trimmed
+    // here; Zs and tab are whole scalars either way.
+    std::string_view trimmed = text::trimSpacesAndTabs(*raw);
+    if (trimmed.empty()) continue;
+    ++newLinesSeen_;
+    if (decoder_.decode(trimmed, true, &line)) {
+      process(line, file, now);
+    } else {
+      ++newLinesSkipped_;
+      recordExclusion(ExclusionReason::kParseSkip, 0);
+    }
+  }
+  int64_t offset = reader->offset();
+  reader->close();
+  fileOffsets_[file.path] = offset;
+  if (offset != start) isDirty_ = true;
+  return yielded;
+}
+
+void LiveEngine::process(const DaemonRawLine& line, const DaemonFile& file, InstantMs now) {
+  auto [sit, newSession] = sessionState_.try_emplace(file.sessionId);
+  SessionLiveState& session = sit->second;
+  if (newSession) session.projectDirPath = file.projectDirPath;
+  // The first cwd seen in any file of the chat names its project for good.
+  if (session.project.empty() && line.cwd && !line.cwd->empty())
+    session.project = std::string(text::lastPathComponent(*line.cwd));
+
+  auto [mit, newFile] = fileMediaState_.try_emplace(file.path);
+  FileMediaState& media = mit->second;
+  if (newFile) media.sessionId = file.sessionId;
+
+  if (!line.type) return;
+  std::string_view type = *line.type;
+  if (type == "assistant") {
+    processAssistant(line, session, media, now);
+    std::string_view model = daemonModel(line);
+    if (file.isSubagent && !model.empty()) subagentLastModel_[file.path] = std::string(model);
+  } else if (type == "user") {
+    processUser(line, media);
+    // Only typed text names a chat; a list of blocks leaves the name open.
+    if (!session.firstUserMessage && line.message && line.message->contentText) {
+      std::string collapsed =
+          collapseWhitespace(text::prefixCharacters(*line.message->contentText, kFirstMessageScanCharacters));
+      if (!collapsed.empty())
+        session.firstUserMessage = std::string(text::prefixCharacters(collapsed, kFirstMessageCharacters));
+    }
+  } else if (type == "ai-title") {
+    if (line.aiTitle && !line.aiTitle->empty()) session.aiTitle = std::string(*line.aiTitle);
+  } else if (type == "custom-title") {
+    if (line.customTitle && !line.customTitle->empty()) session.customTitle = std::string(*line.customTitle);
+  }
+}
+
+void LiveEngine::gcDeadEntries(const std::vector<DaemonFile>& currentFiles) {
+  std::set<std::string> paths, sessionIds, subagentPaths;
+  for (const auto& f : currentFiles) {
+    paths.insert(f.path);
+    sessionIds.insert(f.sessionId);
+    if (f.isSubagent) subagentPaths.insert(f.path);
+  }
+  auto prune = [&](auto& map, const std::set<std::string>& keep) {
+    size_t removed = std::erase_if(map, [&](const auto& entry) { return !keep.contains(entry.first); });
+    if (removed > 0) isDirty_ = true;
+  };
+  prune(fileOffsets_, paths);
+  prune(fileMediaState_, paths);
+  prune(sessionState_, sessionIds);
+  prune(subagentLastModel_, subagentPaths);
+}
+
+void LiveEngine::pruneBurns(InstantMs now) {
+  const InstantMs cutoff = now - kBurnRetentionMs;
+  size_t removed = std::erase_if(recentBurns_, [&](const BurnEvent& e) { return e.timestamp <= cutoff; });
+  if (removed > 0) isDirty_ = true;
+}
+
+void LiveEngine::recordExclusion(ExclusionReason reason, double dollars) {
+  ExclusionTally& t = exclusions_[static_cast<size_t>(reason)];
+  t.count += 1;
+  t.dollarsUSD += dollars;
+}
+
+bool LiveEngine::parserAlarmTripped() const {
+  if (newLinesSeen_ < 1) return false;
+  return static_cast<double>(newLinesSkipped_) / static_cast<double>(newLinesSeen_) > 0.05;
+}
+
+std::optional<FeedDiagnosticsExclusions> LiveEngine::exclusionsSnapshot() const {
+  int64_t total = 0;
+  for (const auto& t : exclusions_) total += t.count;
+  if (total < 1) return std::nullopt;
+  auto wire = [&](ExclusionReason r) {
+    const ExclusionTally& t = exclusion(r);
+    return FeedDiagnosticsExclusionTally{t.count, roundUSD(t.dollarsUSD)};
+  };
+  return FeedDiagnosticsExclusions{wire(ExclusionReason::kTimestampGate), wire(ExclusionReason::kDedupRefusal),
+                                   wire(ExclusionReason::kParseSkip), wire(ExclusionReason::kOther)};
+}
+
+LiveEngine::TodayAccumulatorSnapshot LiveEngine::todayAccumulatorSnapshot() const {
+  return {roundUSD(todaySpentUSD_), todayTurns_};
+}
+
+std::optional<InstantMs> LiveEngine::lastActivity(const std::string& sessionId) const {
+  auto it = sessionState_.find(sessionId);
+  if (it == sessionState_.end()) return std::nullopt;
+  return it->second.lastActivity;
+}
+
+std::map<std::string, int64_t> LiveEngine::freshWindowedTokensByFamily(const std::string& root,
+                                                                       const PricingTable& pricing, InstantMs now,
+                                                                       const std::string& timeZoneId) {
+  LiveEngine engine(pricing, timeZoneId);
+  (void)engine.poll(root, now);
+  return engine.todayTokensByFamily_;
+}
+
+PersistedState LiveEngine::snapshotForPersistence(const std::string& root) const {
+  PersistedState s;
+  s.stateVersion = PersistedState::kVersion;
+  s.root = root;
+  s.fileOffsets = fileOffsets_;
+  s.fileMediaState = fileMediaState_;
+  s.sessionState = sessionState_;
+  s.quotaLastEventAt = quotaLastEventAt_;
+  s.quotaResetsNote = quotaResetsNote_;
+  s.newLinesSeen = newLinesSeen_;
+  s.newLinesSkipped = newLinesSkipped_;
+  s.todayBoundary = todayBoundary_;
+  s.todaySpentUSD = todaySpentUSD_;
+  s.todayTurns = todayTurns_;
+  s.todayTokensByFamily = todayTokensByFamily_;
+  s.recentBurns = recentBurns_;
+  s.cachedWalls = cachedWalls_;
+  s.subagentLastModel = subagentLastModel_;
+  s.seenRequestIds.assign(seenRequestIds_.begin(), seenRequestIds_.end());
+  return s;
+}
+
+void LiveEngine::restore(const PersistedState& s) {
+  fileOffsets_ = s.fileOffsets;
+  fileMediaState_ = s.fileMediaState;
+  sessionState_ = s.sessionState;
+  quotaLastEventAt_ = s.quotaLastEventAt;
+  quotaResetsNote_ = s.quotaResetsNote;
+  newLinesSeen_ = s.newLinesSeen;
+  newLinesSkipped_ = s.newLinesSkipped;
+  todayBoundary_ = s.todayBoundary;
+  todaySpentUSD_ = s.todaySpentUSD;
+  todayTurns_ = s.todayTurns;
+  todayTokensByFamily_ = s.todayTokensByFamily;
+  recentBurns_ = s.recentBurns;
+  cachedWalls_ = s.cachedWalls;
+  subagentLastModel_ = s.subagentLastModel;
+  seenRequestIds_ = std::unordered_set<std::string>(s.seenRequestIds.begin(), s.seenRequestIds.end());
+}
+
+}  // namespace ostler

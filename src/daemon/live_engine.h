@@ -1,0 +1,186 @@
+// The live engine follows a transcript tree as Claude Code writes it. It keeps
+// one byte offset per file and at each poll reads only the whole lines
+// appended since, folding each request once, at its last usage, into its
+// chat's record, today's accumulator and the rolling burns behind the limit
+// windows. Its state can be saved and restored, so a restart neither re-reads
+// the tree nor counts a request twice.
+//
+// Not locked: one thread at a time polls, snapshots and restores. Bad input
+// is counted, never fatal.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "daemon/burn_event.h"
+#include "daemon/daemon_file.h"
+#include "daemon/daemon_raw_line.h"
+#include "daemon/exclusion_reason.h"
+#include "daemon/feed_windows.h"
+#include "daemon/file_media_state.h"
+#include "daemon/persisted_state.h"
+#include "daemon/session_live_state.h"
+#include "daemon/shutdown_signal_source.h"
+#include "daemon/window_scan.h"
+#include "meter/pricing.h"
+
+namespace ostler {
+
+class LiveEngine {
+ public:
+  // How long burns are kept: 32 days, the reach of the month gauge.
+  static constexpr InstantMs kBurnRetentionMs = 2'764'800'000;
+  // A silence this long (five hours) starts a new session window.
+  static constexpr double kSessionGapSeconds = 18'000.0;
+
+  struct TodayAccumulatorSnapshot {
+    double spentUSD = 0;  // rounded to six places
+    int64_t turns = 0;
+  };
+
+  struct SessionAnchor {
+    std::optional<InstantMs> anchor;  // start of the current session window
+    std::optional<std::string> note;  // the reset phrase, when the anchor came from one
+  };
+
+  // `timeZoneId` names the IANA zone whose local day "today" is.
+  LiveEngine(PricingTable pricing, std::string timeZoneId);
+  LiveEngine(const LiveEngine&) = delete;
+  LiveEngine& operator=(const LiveEngine&) = delete;
+
+  // Reads what was appended to every transcript under `root` since the last
+  // poll. First rolls today's accumulator over when `now` lies in a new local
+  // day; then reads the files in discovery order (a file that shrank is read
+  // again from byte 0); then drops burns older than 32 days. A shutdown
+  // request is honoured between files only. Returns the session ids of the
+  // files that yielded at least one whole line.
+  std::set<std::string> poll(const std::string& root, InstantMs now,
+                             const ShutdownSignalSource* shutdownSignal = nullptr);
+
+  // Routes one decoded line of `file` to the session and file records.
+  void process(const DaemonRawLine& line, const DaemonFile& file, InstantMs now);
+
+  // Folds an assistant line: timestamps and model of the chat, today's
+  // accumulator, burns, setup capture, pending images and the quota event.
+  void processAssistant(const DaemonRawLine& line, SessionLiveState& session, FileMediaState& media, InstantMs now);
+
+  // Counts the images of a user line into the file's image run.
+  void processUser(const DaemonRawLine& line, FileMediaState& media);
+
+  // Drops the offsets, file records, sessions and subagent models of files
+  // that no longer exist. Request ids, today's figures and burns stay.
+  void gcDeadEntries(const std::vector<DaemonFile>& currentFiles);
+
+  // True once more than 5 percent of the non-blank lines ever read failed to
+  // decode; never with no line read.
+  [[nodiscard]] bool parserAlarmTripped() const;
+
+  // All four tallies, dollars rounded, once any exclusion was recorded.
+  [[nodiscard]] std::optional<FeedDiagnosticsExclusions> exclusionsSnapshot() const;
+
+  [[nodiscard]] TodayAccumulatorSnapshot todayAccumulatorSnapshot() const;
+
+  // The chat's newest assistant timestamp; nothing for an unknown chat.
+  [[nodiscard]] std::optional<InstantMs> lastActivity(const std::string& sessionId) const;
+
+  // Today's tokens by family from a fresh engine that reads the whole tree
+  // once, with no saved state behind it.
+  [[nodiscard]] static std::map<std::string, int64_t> freshWindowedTokensByFamily(const std::string& root,
+                                                                                  const PricingTable& pricing,
+                                                                                  InstantMs now,
+                                                                                  const std::string& timeZoneId);
+
+  // Persistence. The snapshot copies every saved field; restore replaces
+  // them all and leaves `isDirty` as it was.
+  [[nodiscard]] PersistedState snapshotForPersistence(const std::string& root) const;
+  void restore(const PersistedState& state);
+
+  // Limit windows. The session window starts at the later of the burn-
+  // inferred anchor and a past reset named by the last quota message.
+  [[nodiscard]] SessionAnchor sessionAnchor(InstantMs now) const;
+  // The three gauges from the burns and the cached walls; `month` is left out.
+  [[nodiscard]] FeedWindows snapshotWindows(InstantMs now) const;
+  // All burns from `anchor` to `now`.
+  [[nodiscard]] FeedMonthWindow snapshotMonthWindow(InstantMs anchor, InstantMs now) const;
+  // Replaces the walls (from a finished scan) and marks the state dirty.
+  void updateWalls(const WindowScan::Walls& walls);
+  // The instant the last quota message's reset phrase names, if any.
+  [[nodiscard]] std::optional<InstantMs> resolvedQuotaResetInstant() const;
+
+  // Whether state changed since it was last saved; the saver clears it.
+  [[nodiscard]] bool isDirty() const { return isDirty_; }
+  void markClean() { isDirty_ = false; }
+
+  [[nodiscard]] const std::map<std::string, int64_t>& fileOffsets() const { return fileOffsets_; }
+  [[nodiscard]] const std::map<std::string, FileMediaState>& fileMediaState() const { return fileMediaState_; }
+  [[nodiscard]] const std::map<std::string, SessionLiveState>& sessionState() const { return sessionState_; }
+  [[nodiscard]] const std::map<std::string, std::string>& subagentLastModel() const { return subagentLastModel_; }
+  [[nodiscard]] const std::unordered_set<std::string>& seenRequestIds() const { return seenRequestIds_; }
+  [[nodiscard]] int64_t newLinesSeen() const { return newLinesSeen_; }
+  [[nodiscard]] int64_t newLinesSkipped() const { return newLinesSkipped_; }
+  [[nodiscard]] const ExclusionTally& exclusion(ExclusionReason r) const {
+    return exclusions_[static_cast<size_t>(r)];
+  }
+  [[nodiscard]] std::optional<InstantMs> todayBoundary() const { return todayBoundary_; }
+  [[nodiscard]] double todaySpentUSD() const { return todaySpentUSD_; }
+  [[nodiscard]] int64_t todayTurns() const { return todayTurns_; }
+  [[nodiscard]] const std::map<std::string, int64_t>& todayTokensByFamily() const { return todayTokensByFamily_; }
+  [[nodiscard]] const std::vector<BurnEvent>& recentBurns() const { return recentBurns_; }
+  [[nodiscard]] const std::optional<std::string>& quotaLastEventAt() const { return quotaLastEventAt_; }
+  [[nodiscard]] const std::optional<std::string>& quotaResetsNote() const { return quotaResetsNote_; }
+  [[nodiscard]] const std::optional<WindowScan::Walls>& cachedWalls() const { return cachedWalls_; }
+  [[nodiscard]] const PricingTable& pricing() const { return pricing_; }
+  [[nodiscard]] const std::string& timeZoneId() const { return timeZoneId_; }
+
+ private:
+  void rollOverDay(InstantMs now);
+  // Reads and folds one file's new lines; true when it yielded a line.
+  bool readFile(const DaemonFile& file, InstantMs now);
+  void pruneBurns(InstantMs now);
+  void recordExclusion(ExclusionReason reason, double dollars);
+  void foldRequest(const std::optional<std::string>& requestId, double cost, const TurnUsage& usage,
+                   InstantMs ts, bool countsForToday, const std::optional<std::string>& family,
+                   FileMediaState& media);
+  void addBurn(InstantMs ts, double cost, int64_t tokens, const std::optional<std::string>& family);
+  void noteQuotaEvent(const DaemonRawLine& line);
+  [[nodiscard]] FeedWindow gauge(WindowShape shape, std::optional<InstantMs> anchor,
+                                 const std::optional<std::string>& note,
+                                 const std::optional<CutoffObservation>& wall, InstantMs now) const;
+
+  // Fixed at construction.
+  PricingTable pricing_;
+  std::string timeZoneId_;
+  DaemonLineDecoder decoder_;
+
+  // Reading.
+  std::map<std::string, int64_t> fileOffsets_;             // read position of each file
+  std::map<std::string, std::string> subagentLastModel_;   // newest model of each subagent file
+  std::unordered_set<std::string> seenRequestIds_;         // every request folded; never pruned
+  int64_t newLinesSeen_ = 0;
+  int64_t newLinesSkipped_ = 0;
+  std::array<ExclusionTally, kExclusionReasonCount> exclusions_{};  // in memory only
+  bool isDirty_ = false;
+  bool hasDoneInitialScan_ = false;  // not saved: the first poll after a restore collects dead entries
+
+  // Accounting.
+  std::map<std::string, FileMediaState> fileMediaState_;  // by file path
+  std::map<std::string, SessionLiveState> sessionState_;  // by session id
+  std::optional<std::string> quotaLastEventAt_;
+  std::optional<std::string> quotaResetsNote_;
+  std::optional<InstantMs> todayBoundary_;
+  double todaySpentUSD_ = 0;
+  int64_t todayTurns_ = 0;
+  std::map<std::string, int64_t> todayTokensByFamily_;
+  std::vector<BurnEvent> recentBurns_;  // arrival order, 32 days
+
+  // Windows.
+  std::optional<WindowScan::Walls> cachedWalls_;
+};
+
+}  // namespace ostler

@@ -1,0 +1,189 @@
+// The fold of assistant and user lines into the live figures.
+//
+// Claude Code writes one API request as several lines under one requestId,
+// each with the request's running usage. Each file keeps the request its last
+// assistant line left open; a further line of that request adds only its rise
+// over the previous line, so a request counts once, at its last line, without
+// any file being read twice. A request id folded anywhere before (another
+// file, an earlier pass over a file that shrank) is refused whole.
+#include "daemon/case_folding.h"
+#include "daemon/live_engine.h"
+#include "daemon/resets_phrase.h"
+#include "daemon/today_share.h"
+#include "meter/text.h"
+
+namespace ostler {
+
+namespace {
+
+// Image runs: a run goes on across up to three user lines without images.
+constexpr int64_t kRunBreakStreak = 4;
+
+int64_t tokenTotal(const TurnUsage& u) { return CostMath::context(u) + u.output; }
+
+}  // namespace
+
+void LiveEngine::processAssistant(const DaemonRawLine& line, SessionLiveState& session, FileMediaState& media,
+                                  InstantMs now) {
+  const std::string_view model = daemonModel(line);
+  const TurnUsage usage = daemonTurnUsage(line);
+  const PricingRate rate = resolveRate(model, pricing_).rate;
+  const double cost = CostMath::totalCost(usage, rate);
+  const int64_t context = CostMath::context(usage);
+  const int64_t total = tokenTotal(usage);
+
+  std::optional<InstantMs> ts = line.timestamp ? ISO8601::parse(*line.timestamp) : std::nullopt;
+  if (!ts) {
+    // An undated line cannot be placed in any day: its dollars are tallied
+    // and the open request is left as it was.
+    recordExclusion(ExclusionReason::kOther, cost);
+  } else {
+    if (!session.lastActivity || *ts >= *session.lastActivity) session.lastActivity = ts;
+    if (total != 0 && (!session.contextTurnAt || *ts >= *session.contextTurnAt)) {
+      session.contextTurnAt = ts;
+      session.lastModel = std::string(model);
+      session.lastContextTokens = context;
+    }
+    if (usage.cache5m + usage.cache1h > 0 && (!session.lastCacheWriteAt || *ts >= *session.lastCacheWriteAt)) {
+      session.lastCacheWriteAt = ts;
+      session.lastCacheWriteWasEphemeral1h = usage.cache1h > 0;
+    }
+    const bool countsForToday = todayBoundary_ && *ts >= *todayBoundary_ && *ts < now;
+    const std::optional<std::string> family = TodayShare::modelFamily(model);
+    std::optional<std::string> requestId;
+    if (line.requestId && !line.requestId->empty()) requestId = std::string(*line.requestId);
+    if (total != 0) session.considerForSetupTax(*ts, requestId, model, usage);
+    foldRequest(requestId, cost, usage, *ts, countsForToday, family, media);
+  }
+
+  // Images sent ahead of this reply are priced at this reply's input rate.
+  if (media.pendingImageTokens > 0) {
+    media.runUsdSoFar += rate.input * static_cast<double>(media.pendingImageTokens) / 1'000'000.0;
+    media.runTokensSoFar += media.pendingImageTokens;
+    media.pendingImageTokens = 0;
+    media.pendingImageCount = 0;
+  }
+
+  noteQuotaEvent(line);
+}
+
+// A token total below zero is treated like one above zero: only an exact
+// zero marks a stub line without usage.
+void LiveEngine::foldRequest(const std::optional<std::string>& requestId, double cost, const TurnUsage& usage,
+                             InstantMs ts, bool countsForToday, const std::optional<std::string>& family,
+                             FileMediaState& media) {
+  const int64_t total = tokenTotal(usage);
+  const bool hasTokens = total != 0;
+  const bool isNew = !requestId || !media.openRequestId || *requestId != *media.openRequestId;
+  bool isDuplicate = false;
+  bool turnCounted = media.openTurnCounted;
+
+  auto countToday = [&](double dollars) { todaySpentUSD_ += dollars; };
+  auto countFamily = [&](const std::optional<std::string>& f, int64_t tokens) {
+    if (f) todayTokensByFamily_[*f] += tokens;
+  };
+
+  if (isNew && requestId && seenRequestIds_.contains(*requestId)) {
+    recordExclusion(ExclusionReason::kDedupRefusal, cost);
+    isDuplicate = true;
+    turnCounted = false;
+  } else if (isNew) {
+    if (requestId) seenRequestIds_.insert(*requestId);
+    turnCounted = false;
+    if (countsForToday) {
+      countToday(cost);
+      if (hasTokens) {
+        todayTurns_ += 1;
+        countFamily(family, total);
+        addBurn(ts, cost, total, family);
+        turnCounted = true;
+      }
+    } else {
+      recordExclusion(ExclusionReason::kTimestampGate, cost);
+      if (hasTokens) addBurn(ts, cost, total, family);
+    }
+  } else if (media.openIsDuplicate) {
+    recordExclusion(ExclusionReason::kDedupRefusal, cost - media.openCostUSD);
+    isDuplicate = true;
+  } else if (media.openIsStub) {
+    // The earlier lines of the request had no tokens: the whole figure is new.
+    if (countsForToday) {
+      countToday(cost);
+      countFamily(family, total);
+      if (hasTokens) {
+        if (!media.openTurnCounted) todayTurns_ += 1;
+        turnCounted = true;
+        addBurn(ts, cost, total, family);
+      }
+    } else {
+      recordExclusion(ExclusionReason::kTimestampGate, cost);
+      if (hasTokens) addBurn(ts, cost, total, family);
+    }
+  } else {
+    // A further line at a new running total adds its rise, which may be
+    // negative, under the previous line's verdict on the day.
+    const double delta = cost - media.openCostUSD;
+    const int64_t tokenDelta = total - (media.openContextTokens + media.openOutputTokens);
+    if (media.openCountsForToday) {
+      countToday(delta);
+      countFamily(media.openFamily, tokenDelta);
+    } else {
+      recordExclusion(ExclusionReason::kTimestampGate, delta);
+    }
+    if (hasTokens) addBurn(ts, delta, tokenDelta, family);
+  }
+
+  media.openRequestId = requestId;
+  media.openCostUSD = cost;
+  media.openContextTokens = CostMath::context(usage);
+  media.openOutputTokens = usage.output;
+  media.openFamily = family;
+  media.openCountsForToday = countsForToday;
+  media.openIsStub = !hasTokens;
+  media.openIsDuplicate = isDuplicate;
+  media.openTurnCounted = turnCounted;
+}
+
+void LiveEngine::addBurn(InstantMs ts, double cost, int64_t tokens, const std::optional<std::string>& family) {
+  recentBurns_.push_back({ts, cost, family == "fable", tokens});
+}
+
+void LiveEngine::noteQuotaEvent(const DaemonRawLine& line) {
+  if (line.isApiErrorMessage != true) return;
+  std::string joined = joinedBlockText(line);
+  if (!CaseFolding::contains(joined, "session limit") || !line.timestamp) return;
+  // Timestamps are compared as text, as written.
+  std::string ts(*line.timestamp);
+  if (quotaLastEventAt_ && !(*quotaLastEventAt_ < ts)) return;
+  quotaLastEventAt_ = std::move(ts);
+  quotaResetsNote_ = extractResetsPhrase(joined);
+}
+
+void LiveEngine::processUser(const DaemonRawLine& line, FileMediaState& media) {
+  int64_t images = 0;
+  int64_t estimate = 0;
+  if (line.message && line.message->content) {
+    for (const auto& block : *line.message->content) {
+      if (block.type != "image") continue;
+      ++images;
+      // Base64 text runs about four characters to a token.
+      if (block.source && block.source->data) estimate += text::characterCount(*block.source->data) / 4;
+    }
+  }
+  if (images == 0) {
+    media.nonImageStreak += 1;
+    return;
+  }
+  if (media.runImageCount < 1 || media.nonImageStreak >= kRunBreakStreak) {
+    media.runUsdSoFar = 0;
+    media.runTokensSoFar = 0;
+    media.runImageCount = 0;
+  }
+  media.runImageCount += images;
+  media.pendingImageTokens += estimate;
+  media.pendingImageCount += images;
+  media.nonImageStreak = 0;
+  media.runLastImageAt = line.timestamp ? ISO8601::parse(*line.timestamp) : std::nullopt;
+}
+
+}  // namespace ostler

@@ -1,0 +1,72 @@
+// What the live engine saves so that a restart does not read every
+// transcript again: per-file offsets and open requests, per-session state,
+// today's accumulator, the rolling burns and the learned walls. A private
+// cache: nothing else reads it, it may vanish at any time, and losing it,
+// or finding it of another version or for another root, costs a cold start.
+//
+// One JSON object, compact. Instants are seconds since 2001-01-01 00:00:00
+// UTC as numbers.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "daemon/burn_event.h"
+#include "daemon/file_media_state.h"
+#include "daemon/session_live_state.h"
+#include "daemon/window_scan.h"
+#include "meter/status.h"
+
+namespace ostler {
+
+struct PersistedState {
+  static constexpr int64_t kVersion = 3;
+
+  int64_t stateVersion = kVersion;
+  std::string root;  // the transcript root this state belongs to
+  std::map<std::string, int64_t> fileOffsets;
+  std::map<std::string, FileMediaState> fileMediaState;
+  std::map<std::string, SessionLiveState> sessionState;
+  std::optional<std::string> quotaLastEventAt;  // raw timestamp text
+  std::optional<std::string> quotaResetsNote;
+  int64_t newLinesSeen = 0;
+  int64_t newLinesSkipped = 0;
+  std::optional<InstantMs> todayBoundary;
+  double todaySpentUSD = 0;  // not rounded
+  int64_t todayTurns = 0;
+  std::map<std::string, int64_t> todayTokensByFamily;
+  std::vector<BurnEvent> recentBurns;
+  std::optional<WindowScan::Walls> cachedWalls;
+  std::map<std::string, std::string> subagentLastModel;
+  std::vector<std::string> seenRequestIds;  // a set, in no fixed order
+
+  friend bool operator==(const PersistedState&, const PersistedState&) = default;
+};
+
+// Every key is written; optional ones only when set. The fromJson form throws
+// JsonFields::DecodeError when a required key is missing or mistyped.
+[[nodiscard]] nlohmann::json toJson(const PersistedState& s);
+[[nodiscard]] PersistedState persistedStateFromJson(const nlohmann::json& j);
+
+namespace PersistedStateIO {
+
+inline constexpr const char* kScratchDirectory = "/tmp/ladder-daemon-scratch";
+
+// "/tmp/ladder-daemon-scratch/state-{sha256 of root, lowercase hex}.json":
+// one file per root string, so "/a" and "/a/" have different files.
+[[nodiscard]] std::string defaultPath(const std::string& root);
+
+// Writes `state` atomically to `path`, creating its directory. Returns the
+// bytes written; on failure any earlier file stays whole.
+[[nodiscard]] Result<int64_t> save(const PersistedState& state, const std::string& path);
+
+// The state at `path` when it reads, decodes, has version 3 and belongs to
+// `expectedRoot`; nothing otherwise, never an error.
+[[nodiscard]] std::optional<PersistedState> load(const std::string& path, const std::string& expectedRoot);
+
+}  // namespace PersistedStateIO
+}  // namespace ostler

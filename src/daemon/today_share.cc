@@ -1,0 +1,12 @@
+#include "daemon/today_share.h"
+
+namespace ostler::TodayShare {
+
+std::optional<std::string> modelFamily(std::string_view model) {
+  static constexpr std::string_view kFamilies[] = {"claude-fable", "claude-opus", "claude-sonnet", "claude-haiku"};
+  for (std::string_view prefix : kFamilies)
+    if (model.substr(0, prefix.size()) == prefix) return std::string(prefix.substr(7));
+  return std::nullopt;
+}
+
+}  // namespace ostler::TodayShare

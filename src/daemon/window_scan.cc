@@ -1,0 +1,185 @@
+#include "daemon/window_scan.h"
+
+#include <cmath>
+#include <unordered_set>
+
+#include "daemon/case_folding.h"
+#include "daemon/daemon_raw_line.h"
+#include "daemon/json_fields.h"
+#include "daemon/limit_event_clustering.h"
+#include "daemon/reset_phrase_parser.h"
+#include "daemon/resets_phrase.h"
+#include "daemon/session_discovery.h"
+#include "daemon/tail_reader.h"
+#include "daemon/today_share.h"
+#include "daemon/wall_learner.h"
+#include "meter/text.h"
+
+namespace ostler::WindowScan {
+namespace {
+
+constexpr double kClusterGapSeconds = 120.0;
+
+int64_t tokenSum(const TurnUsage& u) { return u.input + u.output + u.cacheRead + u.cache5m + u.cache1h; }
+
+// The open request of one file.
+struct Group {
+  std::string requestId;
+  InstantMs timestamp = 0;
+  std::string model;
+  TurnUsage usage;
+  bool refused = false;
+};
+
+class FileFold {
+ public:
+  FileFold(const PricingTable& pricing, std::unordered_set<std::string>& seen, std::vector<BurnEvent>& out)
+      : pricing_(pricing), seen_(seen), out_(out) {}
+
+  void add(std::string_view requestId, InstantMs ts, std::string_view model, const TurnUsage& usage) {
+    if (!requestId.empty() && hasOpen_ && open_.requestId == requestId) {
+      if (open_.refused) return;
+      open_.timestamp = ts;
+      open_.model.assign(model);
+      open_.usage = usage;
+      return;
+    }
+    flush();
+    if (requestId.empty()) {
+      emit(ts, model, usage);
+      return;
+    }
+    open_.requestId.assign(requestId);
+    open_.timestamp = ts;
+    open_.model.assign(model);
+    open_.usage = usage;
+    open_.refused = !seen_.insert(open_.requestId).second;
+    hasOpen_ = true;
+  }
+
+  void flush() {
+    if (hasOpen_ && !open_.refused) emit(open_.timestamp, open_.model, open_.usage);
+    hasOpen_ = false;
+  }
+
+ private:
+  void emit(InstantMs ts, std::string_view model, const TurnUsage& usage) {
+    double cost = CostMath::totalCost(usage, resolveRate(model, pricing_).rate);
+    out_.push_back({ts, cost, TodayShare::modelFamily(model) == "fable", tokenSum(usage)});
+  }
+
+  const PricingTable& pricing_;
+  std::unordered_set<std::string>& seen_;
+  std::vector<BurnEvent>& out_;
+  Group open_;
+  bool hasOpen_ = false;
+};
+
+ShapeFacts factsFor(const Result& result, WindowShape shape) {
+  std::vector<const LimitEvent*> matching;
+  for (const auto& e : result.limitEvents)
+    if (shape == WindowShape::kSession ? e.isSessionShape : e.isWeeklyShape) matching.push_back(&e);
+  ShapeFacts facts;
+  if (matching.empty()) return facts;
+
+  std::vector<InstantMs> dates;
+  for (const auto* e : matching) dates.push_back(e->timestamp);
+  const InstantMs durationMs = static_cast<InstantMs>(std::llround(windowDuration(shape) * 1000.0));
+  const bool fableOnly = windowFableOnly(shape);
+  std::vector<CutoffObservation> observations;
+  for (InstantMs c : LimitEventClustering::cluster(dates, kClusterGapSeconds)) {
+    double usd = 0;
+    int64_t tokens = 0;
+    for (const auto& b : result.events) {
+      if (fableOnly && !b.isFableFamily) continue;
+      if (b.timestamp > c - durationMs && b.timestamp <= c) {
+        usd += b.costUSD;
+        tokens += b.tokens;
+      }
+    }
+    observations.push_back({roundUSD(usd), tokens});
+  }
+
+  const LimitEvent* newest = matching.front();
+  for (const auto* e : matching)
+    if (e->timestamp > newest->timestamp) newest = e;
+  facts.latestResetPhrase = newest->resetsPhrase;
+  if (newest->resetsPhrase) facts.latestResetInstant = ResetPhraseParser::parse(*newest->resetsPhrase, newest->timestamp);
+  facts.wall = WallLearner::learn(observations);
+  return facts;
+}
+
+}  // namespace
+
+const ShapeFacts& Walls::of(WindowShape shape) const {
+  switch (shape) {
+    case WindowShape::kSession: return session;
+    case WindowShape::kWeek: return week;
+    case WindowShape::kWeekTopModel: return weekTopModel;
+  }
+  return session;
+}
+
+Result scan(const std::string& root, const PricingTable& pricing) {
+  Result result;
+  std::unordered_set<std::string> seen;
+  DaemonLineDecoder decoder;
+  DaemonRawLine line;
+  for (const DaemonFile& file : SessionDiscovery::discoverFiles(root)) {
+    auto reader = TailReader::open(file.path, 0);
+    if (!reader) continue;
+    FileFold fold(pricing, seen, result.events);
+    while (auto raw = reader->nextLine()) {
+      std::string_view trimmed = text::trimSpacesAndTabs(*raw);
+      if (trimmed.empty() || !decoder.decode(trimmed, true, &line)) continue;
+      if (line.type != "assistant" || !line.timestamp) continue;
+      auto ts = ISO8601::parse(*line.timestamp);
+      if (!ts) continue;
+      if (line.isApiErrorMessage == true) {
+        std::string joined = joinedBlockText(line);
+        bool session = CaseFolding::contains(joined, "session limit");
+        bool weekly = CaseFolding::contains(joined, "weekly");
+        if (session || weekly) result.limitEvents.push_back({*ts, session, weekly, extractResetsPhrase(joined)});
+      }
+      fold.add(line.requestId.value_or(std::string_view{}), *ts, daemonModel(line), daemonTurnUsage(line));
+    }
+    fold.flush();
+  }
+  return result;
+}
+
+Walls walls(const Result& result) {
+  return {factsFor(result, WindowShape::kSession), factsFor(result, WindowShape::kWeek),
+          factsFor(result, WindowShape::kWeekTopModel)};
+}
+
+nlohmann::json toJson(const ShapeFacts& f) {
+  nlohmann::json j = nlohmann::json::object();
+  if (f.wall) j["wall"] = toJson(*f.wall);
+  if (f.latestResetInstant) j["latestResetInstant"] = JsonFields::referenceSeconds(*f.latestResetInstant);
+  if (f.latestResetPhrase) j["latestResetPhrase"] = *f.latestResetPhrase;
+  return j;
+}
+
+ShapeFacts shapeFactsFromJson(const nlohmann::json& j) {
+  using namespace JsonFields;
+  object(j, "ShapeFacts");
+  ShapeFacts f;
+  if (const auto* w = find(j, "wall")) f.wall = cutoffObservationFromJson(*w);
+  f.latestResetInstant = optionalInstant(j, "latestResetInstant");
+  f.latestResetPhrase = optionalString(j, "latestResetPhrase");
+  return f;
+}
+
+nlohmann::json toJson(const Walls& w) {
+  return {{"session", toJson(w.session)}, {"week", toJson(w.week)}, {"weekTopModel", toJson(w.weekTopModel)}};
+}
+
+Walls wallsFromJson(const nlohmann::json& j) {
+  using namespace JsonFields;
+  object(j, "Walls");
+  return {shapeFactsFromJson(require(j, "session")), shapeFactsFromJson(require(j, "week")),
+          shapeFactsFromJson(require(j, "weekTopModel"))};
+}
+
+}  // namespace ostler::WindowScan

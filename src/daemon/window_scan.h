@@ -1,0 +1,76 @@
+// A full read of the transcript tree for the limit windows: every priced
+// request as a burn event, and every limit message. From the moments the user
+// was really cut off it learns each window's wall and its latest reset.
+// Independent of any live state, so it can run on a background thread while
+// the engine keeps polling.
+#pragma once
+
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "daemon/burn_event.h"
+#include "daemon/cutoff_observation.h"
+#include "daemon/window_shape.h"
+#include "meter/pricing.h"
+
+namespace ostler::WindowScan {
+
+// One limit message: an assistant line marked as an API error whose text
+// names the session limit, the weekly limit, or both.
+struct LimitEvent {
+  InstantMs timestamp = 0;
+  bool isSessionShape = false;  // the text holds "session limit"
+  bool isWeeklyShape = false;   // the text holds "weekly"
+  std::optional<std::string> resetsPhrase;  // from "resets" to the end
+
+  friend bool operator==(const LimitEvent&, const LimitEvent&) = default;
+};
+
+struct Result {
+  std::vector<BurnEvent> events;        // one per request, in reading order
+  std::vector<LimitEvent> limitEvents;  // in reading order
+};
+
+// What the scan learned of one window.
+struct ShapeFacts {
+  std::optional<CutoffObservation> wall;         // the lowest burn at a cut-off, from two cut-offs on
+  std::optional<InstantMs> latestResetInstant;   // reset named by the newest limit message
+  std::optional<std::string> latestResetPhrase;  // that message's reset phrase
+
+  friend bool operator==(const ShapeFacts&, const ShapeFacts&) = default;
+};
+
+struct Walls {
+  ShapeFacts session;
+  ShapeFacts week;
+  ShapeFacts weekTopModel;
+
+  [[nodiscard]] const ShapeFacts& of(WindowShape shape) const;
+
+  friend bool operator==(const Walls&, const Walls&) = default;
+};
+
+// Reads every transcript under `root` from its first byte, in discovery
+// order, with one set of seen request ids across files: a request repeated
+// in a later file is priced once, from its first copy. Lines of one request
+// make one event at the request's last line. Never fails: bad lines and
+// unreadable files add nothing.
+[[nodiscard]] Result scan(const std::string& root, const PricingTable& pricing);
+
+// The facts of each window: limit messages are clustered (a burst within 120
+// seconds is one cut-off), each cut-off measures the window's burn up to it,
+// and the lowest of at least two such measures is the wall.
+[[nodiscard]] Walls walls(const Result& result);
+
+// JSON: keys `session`, `week`, `weekTopModel`, each with optional `wall`,
+// `latestResetInstant` (seconds since 2001) and `latestResetPhrase`. The
+// fromJson forms throw JsonFields::DecodeError.
+[[nodiscard]] nlohmann::json toJson(const ShapeFacts& f);
+[[nodiscard]] ShapeFacts shapeFactsFromJson(const nlohmann::json& j);
+[[nodiscard]] nlohmann::json toJson(const Walls& w);
+[[nodiscard]] Walls wallsFromJson(const nlohmann::json& j);
+
+}  // namespace ostler::WindowScan

@@ -1,0 +1,70 @@
+// Transcript lines for the daemon's tests, written the way Claude Code writes
+// them, so that each test states only what it is about.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+#include "meter/iso8601.h"
+
+namespace ostler::testing {
+
+struct Usage {
+  int64_t input = 0;
+  int64_t output = 0;
+  int64_t cacheRead = 0;
+  int64_t cache5m = 0;
+  int64_t cache1h = 0;
+};
+
+struct Assistant {
+  std::string timestamp = "2026-03-10T10:00:00.000Z";
+  std::optional<std::string> requestId;
+  std::string model = "claude-opus-4-1";
+  std::optional<Usage> usage = Usage{};
+  std::optional<std::string> text;  // one text block
+  bool apiError = false;
+  std::optional<std::string> cwd;
+};
+
+inline std::string assistantLine(const Assistant& a) {
+  nlohmann::json message = {{"role", "assistant"}, {"model", a.model}};
+  if (a.usage) {
+    message["usage"] = {{"input_tokens", a.usage->input},
+                        {"output_tokens", a.usage->output},
+                        {"cache_read_input_tokens", a.usage->cacheRead},
+                        {"cache_creation_input_tokens", a.usage->cache5m + a.usage->cache1h},
+                        {"cache_creation",
+                         {{"ephemeral_5m_input_tokens", a.usage->cache5m},
+                          {"ephemeral_1h_input_tokens", a.usage->cache1h}}}};
+  }
+  message["content"] = nlohmann::json::array();
+  if (a.text) message["content"].push_back({{"type", "text"}, {"text", *a.text}});
+  nlohmann::json j = {{"type", "assistant"}, {"timestamp", a.timestamp}, {"message", message}};
+  if (a.requestId) j["requestId"] = *a.requestId;
+  if (a.apiError) j["isApiErrorMessage"] = true;
+  if (a.cwd) j["cwd"] = *a.cwd;
+  return j.dump();
+}
+
+// A user line whose content is typed text.
+inline std::string userTextLine(const std::string& text, const std::string& timestamp = "2026-03-10T09:59:00.000Z") {
+  return nlohmann::json{{"type", "user"}, {"timestamp", timestamp}, {"message", {{"role", "user"}, {"content", text}}}}
+      .dump();
+}
+
+// A user line holding `images` image blocks of `base64Chars` characters each.
+inline std::string userImageLine(int images, size_t base64Chars,
+                                 const std::string& timestamp = "2026-03-10T09:59:00.000Z") {
+  nlohmann::json content = nlohmann::json::array();
+  for (int i = 0; i < images; ++i)
+    content.push_back(
+        {{"type", "image"}, {"source", {{"type", "base64"}, {"data", std::string(base64Chars, 'A')}}}});
+  return nlohmann::json{{"type", "user"}, {"timestamp", timestamp}, {"message", {{"role", "user"}, {"content", content}}}}
+      .dump();
+}
+
+inline InstantMs at(const char* iso) { return *ISO8601::parse(iso); }
+
+}  // namespace ostler::testing

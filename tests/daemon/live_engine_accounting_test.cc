@@ -1,0 +1,253 @@
+// The request fold and the other per-line rules of the live accumulator,
+// driven through real files and polls.
+#include <gtest/gtest.h>
+
+#include "daemon/live_engine.h"
+#include "line_builder.h"
+#include "support/test_support.h"
+
+namespace ostler {
+namespace {
+
+using testing::appendFile;
+using testing::Assistant;
+using testing::assistantLine;
+using testing::at;
+using testing::jsonl;
+using testing::TempDir;
+using testing::Usage;
+
+// Every token costs one cent on "claude-opus…", so a line of N tokens costs
+// N / 100 dollars; "claude-fable…" costs the same.
+PricingTable centPerToken() {
+  PricingTable t;
+  t.rates["claude-opus"] = {10'000, 10'000, 10'000, 10'000, 10'000};
+  t.rates["claude-fable"] = {10'000, 10'000, 10'000, 10'000, 10'000};
+  return t;
+}
+
+const InstantMs kNow = at("2026-03-10T12:00:00Z");
+
+class AccountingTest : public ::testing::Test {
+ protected:
+  std::filesystem::path file(const std::string& name = "s1.jsonl") { return dir_.path() / "proj" / name; }
+  void append(const std::vector<std::string>& lines, const std::string& name = "s1.jsonl") {
+    appendFile(file(name), jsonl(lines));
+  }
+  void poll(InstantMs now = kNow) { (void)engine_.poll(dir_.str(), now); }
+  double spent() const { return engine_.todaySpentUSD(); }
+  int64_t family(const std::string& f) const {
+    auto it = engine_.todayTokensByFamily().find(f);
+    return it == engine_.todayTokensByFamily().end() ? -1 : it->second;
+  }
+  std::vector<std::pair<double, int64_t>> burns() const {
+    std::vector<std::pair<double, int64_t>> out;
+    for (const auto& b : engine_.recentBurns()) out.emplace_back(roundUSD(b.costUSD), b.tokens);
+    return out;
+  }
+
+  TempDir dir_;
+  LiveEngine engine_{centPerToken(), "UTC"};
+};
+
+Assistant line(const char* ts, std::optional<std::string> rid, int64_t output,
+               std::string model = "claude-opus-4-1") {
+  Assistant a;
+  a.timestamp = ts;
+  a.requestId = std::move(rid);
+  a.usage = Usage{.output = output};
+  a.model = std::move(model);
+  return a;
+}
+
+TEST_F(AccountingTest, RequestCountsOnceAtItsLastRunningTotal) {
+  append({assistantLine(line("2026-03-10T10:00:00Z", "r1", 100)),
+          assistantLine(line("2026-03-10T10:00:01Z", "r1", 300)),
+          assistantLine(line("2026-03-10T10:00:02Z", "r1", 300))});
+  poll();
+  EXPECT_DOUBLE_EQ(spent(), 3.0);
+  EXPECT_EQ(engine_.todayTurns(), 1);
+  EXPECT_EQ(family("opus"), 300);
+  // The third line adds a burn of nothing.
+  EXPECT_EQ(burns(), (std::vector<std::pair<double, int64_t>>{{1.0, 100}, {2.0, 200}, {0.0, 0}}));
+
+  // A stub first line (no tokens) leaves the whole of the next line new.
+  append({assistantLine(line("2026-03-10T10:01:00Z", "r2", 0)),
+          assistantLine(line("2026-03-10T10:01:01Z", "r2", 500))});
+  poll();
+  EXPECT_DOUBLE_EQ(spent(), 8.0);
+  EXPECT_EQ(engine_.todayTurns(), 2);
+  EXPECT_EQ(burns().size(), 4u);
+  EXPECT_EQ(burns().back(), (std::pair<double, int64_t>{5.0, 500}));
+
+  // Without a request id, or with an empty one, every line is its own request.
+  Assistant empty = line("2026-03-10T10:02:00Z", "", 10);
+  append({assistantLine(line("2026-03-10T10:02:00Z", std::nullopt, 10)),
+          assistantLine(line("2026-03-10T10:02:00Z", std::nullopt, 10)), assistantLine(empty),
+          assistantLine(empty)});
+  poll();
+  EXPECT_EQ(engine_.todayTurns(), 6);
+  EXPECT_DOUBLE_EQ(spent(), 8.4);
+}
+
+TEST_F(AccountingTest, RequestSeenInAnotherFileIsRefusedWhole) {
+  append({assistantLine(line("2026-03-10T10:00:00Z", "r1", 100))}, "a.jsonl");
+  append({assistantLine(line("2026-03-10T10:00:00Z", "r1", 100)),
+          assistantLine(line("2026-03-10T10:00:01Z", "r1", 250))},
+         "b.jsonl");
+  poll();
+  EXPECT_DOUBLE_EQ(spent(), 1.0);
+  EXPECT_EQ(engine_.todayTurns(), 1);
+  EXPECT_EQ(burns().size(), 1u);
+  const ExclusionTally& dedup = engine_.exclusion(ExclusionReason::kDedupRefusal);
+  EXPECT_EQ(dedup.count, 2);
+  // The first copy with its whole cost, the next line with its rise.
+  EXPECT_DOUBLE_EQ(roundUSD(dedup.dollarsUSD), 2.5);
+}
+
+TEST_F(AccountingTest, LineAfterMidnightFoldsByThePreviousLinesVerdict) {
+  append({assistantLine(line("2026-03-09T23:59:59Z", "r1", 100)),
+          assistantLine(line("2026-03-10T00:00:01Z", "r1", 300)),
+          assistantLine(line("2026-03-10T00:00:02Z", "r1", 600))});
+  poll();
+  // The first line after midnight rises by 2 under yesterday's verdict; the
+  // line after it rises by 3 under the first one's, which counts.
+  EXPECT_DOUBLE_EQ(spent(), 3.0);
+  EXPECT_EQ(engine_.todayTurns(), 0);
+  EXPECT_EQ(family("opus"), 300);
+  const ExclusionTally& gate = engine_.exclusion(ExclusionReason::kTimestampGate);
+  EXPECT_EQ(gate.count, 2);
+  EXPECT_DOUBLE_EQ(roundUSD(gate.dollarsUSD), 3.0);
+  // The burns still hold the whole request, for the windows know no day.
+  EXPECT_EQ(burns(), (std::vector<std::pair<double, int64_t>>{{1.0, 100}, {2.0, 200}, {3.0, 300}}));
+
+  // A line at or after now is not today's either.
+  append({assistantLine(line("2026-03-10T12:00:00Z", "r9", 100))});
+  poll();
+  EXPECT_DOUBLE_EQ(spent(), 3.0);
+  EXPECT_EQ(engine_.exclusion(ExclusionReason::kTimestampGate).count, 3);
+}
+
+TEST_F(AccountingTest, FamiliesUndatedLinesAndOddTotals) {
+  append({
+      assistantLine(line("2026-03-10T10:00:00Z", "f1", 100, "claude-fable-5")),
+      // Unknown models are priced at the opus row of the table: spend and a
+      // turn, but no family.
+      assistantLine(line("2026-03-10T10:00:01Z", "u1", 100, "gpt-9")),
+      // No usable timestamp: its dollars are tallied and nothing counts.
+      assistantLine(line("yesterday", "x1", 100)),
+      // A negative total is not a stub: it makes a turn and a burn.
+      assistantLine(line("2026-03-10T10:00:02Z", "n1", -5)),
+  });
+  poll();
+  EXPECT_EQ(family("fable"), 100);
+  EXPECT_EQ(family("opus"), -5);
+  EXPECT_EQ(engine_.todayTokensByFamily().size(), 2u);
+  EXPECT_EQ(engine_.todayTurns(), 3);
+  EXPECT_DOUBLE_EQ(spent(), 1.95);
+  EXPECT_EQ(engine_.exclusion(ExclusionReason::kOther).count, 1);
+  EXPECT_DOUBLE_EQ(engine_.exclusion(ExclusionReason::kOther).dollarsUSD, 1.0);
+  EXPECT_FALSE(engine_.seenRequestIds().contains("x1"));
+  ASSERT_EQ(engine_.recentBurns().size(), 3u);
+  EXPECT_TRUE(engine_.recentBurns()[0].isFableFamily);
+  EXPECT_FALSE(engine_.recentBurns()[1].isFableFamily);
+}
+
+TEST_F(AccountingTest, SessionRecordFollowsTheNewestTurns) {
+  Assistant first = line("2026-03-10T10:00:00Z", "a", 0, "claude-opus-4-1");
+  first.usage = Usage{.input = 10, .cacheRead = 20, .cache1h = 5};
+  Assistant sameTime = first;
+  sameTime.requestId = "b";
+  sameTime.model = "claude-fable-5";
+  sameTime.usage = Usage{.input = 1, .output = 7, .cache5m = 2};
+  Assistant older = line("2026-03-10T09:00:00Z", "c", 50, "claude-haiku-4");
+  append({assistantLine(first), assistantLine(sameTime), assistantLine(older)});
+  poll();
+  const SessionLiveState& s = engine_.sessionState().at("s1");
+  // Equal timestamps: the line read later wins; an older line moves nothing.
+  EXPECT_EQ(s.lastModel, "claude-fable-5");
+  EXPECT_EQ(s.lastContextTokens, 3);
+  EXPECT_EQ(s.lastActivity, at("2026-03-10T10:00:00Z"));
+  EXPECT_FALSE(s.lastCacheWriteWasEphemeral1h);
+  EXPECT_EQ(s.projectDirPath, (dir_.path() / "proj").string());
+  // The earliest turn with usage is the setup capture.
+  EXPECT_EQ(s.setupTaxAt, at("2026-03-10T09:00:00Z"));
+  EXPECT_EQ(s.setupTax->model, "claude-haiku-4");
+}
+
+TEST_F(AccountingTest, SetupCaptureMovesToAnEarlierTurnInAFileReadLater) {
+  append({assistantLine(line("2026-03-10T10:00:00Z", "top", 100))});
+  append({assistantLine(line("2026-03-10T09:00:00Z", "sub", 100, "claude-fable-5"))},
+         "s1/subagents/agent-1.jsonl");
+  poll();
+  const SessionLiveState* s = &engine_.sessionState().at("s1");
+  EXPECT_EQ(s->setupTaxAt, at("2026-03-10T09:00:00Z"));
+  EXPECT_EQ(s->setupTax->requestId, "sub");
+  EXPECT_EQ(engine_.subagentLastModel().begin()->second, "claude-fable-5");
+
+  // The captured request runs on from that file; its instant stays.
+  append({assistantLine(line("2026-03-10T09:00:05Z", "sub", 900))}, "s1/subagents/agent-1.jsonl");
+  append({assistantLine(line("2026-03-10T09:30:00Z", "late", 1))});
+  poll();
+  s = &engine_.sessionState().at("s1");
+  EXPECT_EQ(s->setupTaxAt, at("2026-03-10T09:00:00Z"));
+  EXPECT_EQ(s->setupTax->output, 900);
+}
+
+TEST_F(AccountingTest, QuotaEventKeepsTheNewestSessionLimitMessage) {
+  auto limit = [](const char* ts, const char* text) {
+    Assistant a = line(ts, std::nullopt, 0, "<synthetic>");
+    a.apiError = true;
+    a.text = text;
+    return assistantLine(a);
+  };
+  append({limit("2026-03-10T10:00:00.000Z", "Session limit reached \xE2\x88\x99 resets 3:00pm (UTC)")});
+  poll();
+  EXPECT_EQ(engine_.quotaLastEventAt(), "2026-03-10T10:00:00.000Z");
+  EXPECT_EQ(engine_.quotaResetsNote(), "resets 3:00pm (UTC)");
+  EXPECT_EQ(engine_.resolvedQuotaResetInstant(), at("2026-03-10T15:00:00Z"));
+
+  // Older by text, or about another limit: ignored. Newer without a phrase:
+  // clears the note.
+  append({limit("2026-03-10T09:00:00.000Z", "session limit reached resets 1:00pm (UTC)"),
+          limit("2026-03-10T11:00:00.000Z", "weekly limit reached resets 1:00pm (UTC)")});
+  poll();
+  EXPECT_EQ(engine_.quotaResetsNote(), "resets 3:00pm (UTC)");
+  append({limit("2026-03-10T11:30:00.000Z", "SESSION LIMIT reached")});
+  poll();
+  EXPECT_EQ(engine_.quotaLastEventAt(), "2026-03-10T11:30:00.000Z");
+  EXPECT_FALSE(engine_.quotaResetsNote());
+  EXPECT_FALSE(engine_.resolvedQuotaResetInstant());
+}
+
+TEST_F(AccountingTest, ImageRunsSurviveThreeTextLinesAndArePricedAtTheReplysInputRate) {
+  using testing::userImageLine;
+  using testing::userTextLine;
+  append({userImageLine(2, 4000, "2026-03-10T10:00:00Z"), userTextLine("a"), userTextLine("b"), userTextLine("c"),
+          userImageLine(1, 400, "2026-03-10T10:05:00Z")});
+  poll();
+  const FileMediaState* m = &engine_.fileMediaState().begin()->second;
+  EXPECT_EQ(m->runImageCount, 3);
+  EXPECT_EQ(m->pendingImageTokens, 2100);
+  EXPECT_EQ(m->pendingImageCount, 3);
+  EXPECT_EQ(m->runLastImageAt, at("2026-03-10T10:05:00Z"));
+
+  append({assistantLine(line("2026-03-10T10:05:01Z", "r1", 10))});
+  poll();
+  m = &engine_.fileMediaState().begin()->second;
+  EXPECT_EQ(m->pendingImageTokens, 0);
+  EXPECT_EQ(m->runTokensSoFar, 2100);
+  EXPECT_DOUBLE_EQ(m->runUsdSoFar, 21.0);
+
+  // Four lines without images end the run.
+  append({userTextLine("a"), userTextLine("b"), userTextLine("c"), userTextLine("d"),
+          userImageLine(1, 40, "2026-03-10T10:10:00Z")});
+  poll();
+  m = &engine_.fileMediaState().begin()->second;
+  EXPECT_EQ(m->runImageCount, 1);
+  EXPECT_EQ(m->runTokensSoFar, 0);
+  EXPECT_EQ(m->pendingImageTokens, 10);
+}
+
+}  // namespace
+}  // namespace ostler

@@ -1,0 +1,118 @@
+#include "daemon/window_scan.h"
+
+#include <gtest/gtest.h>
+
+#include "daemon/json_fields.h"
+#include "line_builder.h"
+#include "support/test_support.h"
+
+namespace ostler {
+namespace {
+
+using testing::Assistant;
+using testing::assistantLine;
+using testing::at;
+using testing::jsonl;
+using testing::TempDir;
+using testing::Usage;
+using testing::writeFile;
+
+Assistant turn(const char* ts, std::optional<std::string> rid, int64_t output, const char* model = "claude-opus-4") {
+  Assistant a;
+  a.timestamp = ts;
+  a.requestId = std::move(rid);
+  a.model = model;
+  a.usage = Usage{.output = output};
+  return a;
+}
+
+Assistant limitMessage(const char* ts, const char* text) {
+  Assistant a = turn(ts, std::nullopt, 0, "<synthetic>");
+  a.apiError = true;
+  a.text = text;
+  return a;
+}
+
+TEST(WindowScanTest, OneEventPerRequestAtItsLastLineFromItsFirstCopy) {
+  TempDir dir;
+  writeFile(dir.path() / "p" / "a.jsonl",
+            jsonl({assistantLine(turn("2026-03-10T10:00:00Z", "x", 100)),
+                   assistantLine(turn("2026-03-10T10:00:01Z", "x", 200)),
+                   assistantLine(turn("2026-03-10T10:00:02Z", "x", 300)), "garbage",
+                   assistantLine(turn("not a time", "y", 5)), R"({"type":"user","requestId":"z"})",
+                   assistantLine(turn("2026-03-10T10:01:00Z", std::nullopt, 40, "claude-fable-5")),
+                   assistantLine(turn("2026-03-10T10:02:00Z", "", 0))}));
+  // A resumed chat repeats request x with other figures: priced once, from
+  // the file read first.
+  writeFile(dir.path() / "p" / "b.jsonl", jsonl({assistantLine(turn("2026-03-10T11:00:00Z", "x", 9000)),
+                                                 assistantLine(turn("2026-03-10T11:00:01Z", "w", 10))}));
+  WindowScan::Result r = WindowScan::scan(dir.str(), PricingTable::defaultTable());
+  ASSERT_EQ(r.events.size(), 4u);
+  EXPECT_EQ(r.events[0], (BurnEvent{at("2026-03-10T10:00:02Z"), 300 * 25.0 / 1e6, false, 300}));
+  EXPECT_EQ(r.events[1], (BurnEvent{at("2026-03-10T10:01:00Z"), 40 * 50.0 / 1e6, true, 40}));
+  // Zero-token events are kept.
+  EXPECT_EQ(r.events[2].tokens, 0);
+  EXPECT_EQ(r.events[3].timestamp, at("2026-03-10T11:00:01Z"));
+  EXPECT_TRUE(r.limitEvents.empty());
+}
+
+TEST(WindowScanTest, LimitMessagesOfEitherShapeWithTheirPhrase) {
+  TempDir dir;
+  writeFile(dir.path() / "p" / "a.jsonl",
+            jsonl({assistantLine(limitMessage("2026-03-10T10:00:00Z", "Session limit reached \xE2\x88\x99 resets 3:00pm (UTC)")),
+                   assistantLine(limitMessage("2026-03-10T10:05:00Z", "Weekly limit reached")),
+                   assistantLine(limitMessage("2026-03-10T10:06:00Z", "session limit and weekly limit, RESETS soon")),
+                   assistantLine(limitMessage("2026-03-10T10:07:00Z", "overloaded"))}));
+  WindowScan::Result r = WindowScan::scan(dir.str(), PricingTable::defaultTable());
+  ASSERT_EQ(r.limitEvents.size(), 3u);
+  EXPECT_EQ(r.limitEvents[0], (WindowScan::LimitEvent{at("2026-03-10T10:00:00Z"), true, false, "resets 3:00pm (UTC)"}));
+  EXPECT_EQ(r.limitEvents[1], (WindowScan::LimitEvent{at("2026-03-10T10:05:00Z"), false, true, std::nullopt}));
+  EXPECT_EQ(r.limitEvents[2], (WindowScan::LimitEvent{at("2026-03-10T10:06:00Z"), true, true, "RESETS soon"}));
+  // Limit lines go on to the fold like any other line.
+  EXPECT_EQ(r.events.size(), 4u);
+}
+
+TEST(WindowScanTest, WallsAreTheLowestOfTwoOrMoreCutoffs) {
+  const InstantMs t0 = at("2026-03-10T00:00:00Z");
+  const InstantMs hour = 3'600'000;
+  WindowScan::Result r;
+  // Burns before the first cut-off: $40; then $35 more, five hours on.
+  r.events = {{t0, 20.0, true, 200}, {t0 + hour, 20.0, false, 200}, {t0 + 6 * hour, 35.0, false, 350}};
+  r.limitEvents = {
+      // A burst of three messages at the first cut-off is one observation.
+      {t0 + 2 * hour, true, false, "resets 5:00am (UTC)"},
+      {t0 + 2 * hour + 60'000, true, false, std::nullopt},
+      {t0 + 2 * hour + 120'000, true, false, std::nullopt},
+      {t0 + 7 * hour, true, true, "resets 9:00am (Nowhere/Else)"},
+  };
+  WindowScan::Walls w = WindowScan::walls(r);
+  EXPECT_EQ(w.session.wall, (CutoffObservation{35.0, 350}));
+  EXPECT_EQ(w.session.latestResetPhrase, "resets 9:00am (Nowhere/Else)");
+  EXPECT_FALSE(w.session.latestResetInstant);  // unknown zone: the phrase alone shows
+  // One weekly cut-off proves no wall, but its phrase stands for both
+  // weekly shapes.
+  EXPECT_FALSE(w.week.wall);
+  EXPECT_EQ(w.week.latestResetPhrase, "resets 9:00am (Nowhere/Else)");
+  EXPECT_EQ(w.weekTopModel, w.week);
+
+  // Two weekly cut-offs: the top-model window counts fable burns alone.
+  r.limitEvents.push_back({t0 + 2 * hour, false, true, "resets 1:00am (UTC)"});
+  w = WindowScan::walls(r);
+  EXPECT_EQ(w.week.wall, (CutoffObservation{40.0, 400}));
+  EXPECT_EQ(w.weekTopModel.wall, (CutoffObservation{20.0, 200}));
+  EXPECT_FALSE(w.session.latestResetInstant);
+
+  // Ties on the newest message go to the first; its phrase resolves.
+  r.limitEvents = {{t0, true, false, "resets 5:00am (UTC)"}, {t0, true, false, "resets 6:00am (UTC)"}};
+  w = WindowScan::walls(r);
+  EXPECT_EQ(w.session.latestResetInstant, t0 + 5 * hour);
+  EXPECT_EQ(WindowScan::walls({}), WindowScan::Walls{});
+
+  // The persisted form keeps every fact.
+  EXPECT_EQ(WindowScan::wallsFromJson(WindowScan::toJson(w)), w);
+  EXPECT_THROW((void)WindowScan::wallsFromJson(nlohmann::json{{"session", nlohmann::json::object()}}),
+               JsonFields::DecodeError);
+}
+
+}  // namespace
+}  // namespace ostler
