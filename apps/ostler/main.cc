@@ -21,6 +21,7 @@
 #include "meter/meter_engine.h"
 #include "meter/plain_text_receipt.h"
 #include "meter/session_discovery.h"
+#include "platform/memory.h"
 
 namespace {
 
@@ -111,6 +112,7 @@ int runReceipt(const ReceiptFlags& flags, const CLI::App& command) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  ostler::returnFreedMemoryPromptly();
   CLI::App app{"ostler: what your Claude Code chats cost"};
   app.require_subcommand(1);
   ReceiptFlags flags;

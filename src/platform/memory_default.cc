@@ -1,0 +1,8 @@
+#include "platform/memory.h"
+
+namespace ostler {
+
+// Other allocators return freed memory on their own terms.
+void returnFreedMemoryPromptly() {}
+
+}  // namespace ostler
