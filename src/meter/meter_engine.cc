@@ -140,7 +140,7 @@ FileBashScan scanFileForBash(const std::string& path, const RangeBounds& bounds,
     auto line = reader->nextLine();
     if (!line) break;
     std::string_view trimmed = text::trimSpacesAndTabs(*line);
-    if (trimmed.empty() || !mayNameAssistant(trimmed)) continue;
+    if (trimmed.empty() || !mayBeAssistantLine(trimmed)) continue;
     if (!decoder.decode(trimmed, true, &raw)) continue;
     if (raw.type != "assistant") continue;
     std::optional<InstantMs> instant;

@@ -179,6 +179,12 @@ std::string_view trimWhitespaceAndNewlines(std::string_view s) {
 }
 
 int64_t characterCount(std::string_view s, int64_t limit) {
+  // A capped count of a long text needs only a prefix of it: every byte of
+  // ASCII is at most one cluster, and a CR LF pair at most halves that.
+  if (limit < INT64_MAX && s.size() > static_cast<uint64_t>(2 * limit) + 2) {
+    std::string_view prefix = s.substr(0, static_cast<size_t>(2 * limit) + 2);
+    if (isAscii(prefix) && asciiCharacterCount(prefix) >= limit) return limit;
+  }
   if (isAscii(s)) return std::min(asciiCharacterCount(s), limit);
   int64_t count = 0;
   forEachBoundary(s, [&](size_t) { return ++count < limit; });

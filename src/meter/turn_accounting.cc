@@ -16,9 +16,13 @@ void updateSessionSpan(SessionState& state, const std::optional<std::string_view
 }
 
 ResolvedRate resolveNoting(const std::string& model, const MeterOptions& options, GlobalAggregator& agg) {
-  ResolvedRate resolved = resolveRate(model, options.pricing);
-  if (resolved.isUnknown) agg.unknownModels.insert(model);
-  return resolved;
+  if (!agg.hasLastResolved || agg.lastResolvedModel != model) {
+    agg.lastResolvedRate = resolveRate(model, options.pricing);
+    agg.lastResolvedModel = model;
+    agg.hasLastResolved = true;
+    if (agg.lastResolvedRate.isUnknown) agg.unknownModels.insert(model);
+  }
+  return agg.lastResolvedRate;
 }
 
 void addSwitchTax(const MeterLine& line, const std::string& model, const TurnUsage& u, const PricingRate& r,
@@ -97,7 +101,7 @@ void dispatchAssistantLine(const MeterLine& line, SessionState& state, bool isSu
     return;
   }
   closeOpenGroup(state, options, agg);
-  if (agg.seenRequestIds.contains(id)) {
+  if (!agg.seenRequestIds.insert(id)) {
     state.openRequestId = std::string(id);
     state.openIsDuplicate = true;
     state.openTurnIndex.reset();
@@ -105,7 +109,6 @@ void dispatchAssistantLine(const MeterLine& line, SessionState& state, bool isSu
     recordRealFactsFromDuplicateLine(line, state);
     return;
   }
-  agg.seenRequestIds.insert(id);
   beginGroup(line, id, state, isSubagentFile, options, agg);
 }
 
