@@ -1,0 +1,131 @@
+// The machinery that lets the pass run on several threads in bounded memory
+// without changing a figure: ordered results, slices, compact id sets and
+// bounded top lists.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "meter/id_set.h"
+#include "meter/meter_engine.h"
+#include "meter/ordered_work.h"
+#include "meter/top_k.h"
+#include "support/test_support.h"
+
+namespace ostler {
+namespace {
+
+TEST(OrderedWorkTest, HandsResultsBackInIndexOrderWhateverTheThreads) {
+  for (size_t threads : {0u, 1u, 2u, 4u}) {
+    std::atomic<int> inFlight{0}, maxInFlight{0};
+    OrderedWork<int> work(
+        200,
+        [&](size_t i) {
+          int now = ++inFlight;
+          int seen = maxInFlight.load();
+          while (now > seen && !maxInFlight.compare_exchange_weak(seen, now)) {
+          }
+          --inFlight;
+          return static_cast<int>(i) * 3;
+        },
+        threads, 4);
+    for (size_t i = 0; i < 200; ++i) ASSERT_EQ(work.take(i), static_cast<int>(i) * 3) << threads;
+    EXPECT_LE(maxInFlight.load(), std::max<int>(1, static_cast<int>(threads)));
+  }
+}
+
+TEST(IdSetTest, CountsDistinctIdsThroughGrowth) {
+  IdSet set;
+  for (int i = 0; i < 50000; ++i) EXPECT_TRUE(set.insert("req_" + std::to_string(i)));
+  for (int i = 0; i < 50000; i += 7) EXPECT_FALSE(set.insert("req_" + std::to_string(i)));
+  EXPECT_EQ(set.size(), 50000u);
+  EXPECT_TRUE(set.contains("req_49999"));
+  EXPECT_FALSE(set.contains("req_50000"));
+  EXPECT_FALSE(set.contains(""));
+  EXPECT_TRUE(set.insert(""));
+  EXPECT_TRUE(set.contains(""));
+}
+
+struct ByValueThenName {
+  bool operator()(const std::pair<int, std::string>& a, const std::pair<int, std::string>& b) const {
+    if (a.first != b.first) return a.first > b.first;
+    return a.second < b.second;
+  }
+};
+
+TEST(TopKTest, KeepsWhatAStableSortWouldPutFirst) {
+  std::mt19937 rng(3);
+  for (int round = 0; round < 200; ++round) {
+    std::vector<std::pair<int, std::string>> all;
+    TopK<std::pair<int, std::string>, ByValueThenName, 10> top;
+    for (int i = 0, n = static_cast<int>(rng() % 40); i < n; ++i) {
+      // Few distinct values and names, so that full ties are common.
+      std::pair<int, std::string> v{static_cast<int>(rng() % 5), std::string(1, static_cast<char>('a' + rng() % 3))};
+      all.push_back(v);
+      top.push_back(v);
+    }
+    std::stable_sort(all.begin(), all.end(), ByValueThenName{});
+    if (all.size() > 10) all.resize(10);
+    EXPECT_EQ(top.sorted(), all);
+  }
+}
+
+TEST(FileSliceTest, SlicesCoverTheFileAndTheLastReadsToItsEnd) {
+  auto slices = sliceFile(10, 4);
+  ASSERT_EQ(slices.size(), 3u);
+  EXPECT_EQ(slices[0].begin, 0u);
+  EXPECT_EQ(slices[1].begin, 4u);
+  EXPECT_EQ(slices[2].begin, 8u);
+  EXPECT_EQ(slices[2].end, UINT64_MAX);
+  EXPECT_EQ(sliceFile(0, 4).size(), 1u);
+  EXPECT_EQ(sliceFile(8, 4).size(), 2u);
+}
+
+// A file read in slices gives the same lines, in the same order, as read
+// whole, wherever the slice boundaries fall: inside a line, on a line feed,
+// or just after one.
+TEST(FileSliceTest, DigestInSlicesEqualsDigestWhole) {
+  testing::TempDir dir;
+  std::string text;
+  for (int i = 0; i < 60; ++i) {
+    text += R"({"type":"assistant","sessionId":"s)" + std::to_string(i % 3) + R"(","requestId":"r)" +
+            std::to_string(i) + R"(","message":{"model":"claude-opus-4","usage":{"output_tokens":)" +
+            std::to_string(i) + "}}}";
+    text += (i % 7 == 0) ? "\n\n" : "\n";
+    if (i % 11 == 0) text += "not json\n";
+  }
+  text += R"({"type":"assistant","requestId":"last-without-line-feed"})";
+  const auto path = dir.path() / "f.jsonl";
+  testing::writeFile(path, text);
+  const RangeBounds bounds;
+  FileDigest whole = digestFile(path.string(), bounds);
+  for (uint64_t sliceBytes : {1u, 7u, 64u, 100u, 333u}) {
+    std::vector<std::string> ids;
+    std::vector<int64_t> numbers;
+    size_t skipped = 0;
+    for (const FileSlice& slice : sliceFile(text.size(), sliceBytes)) {
+      FileDigest part = digestFile(path.string(), bounds, slice);
+      ASSERT_TRUE(part.opened);
+      for (const auto& line : part.lines) {
+        if (line.kind == MeterLine::Kind::kSkipped) ++skipped;
+        ids.push_back(std::string(line.requestId.value_or("-")));
+        numbers.push_back(line.lineNumber);
+      }
+    }
+    std::vector<std::string> wholeIds;
+    size_t wholeSkipped = 0;
+    for (const auto& line : whole.lines) {
+      wholeIds.push_back(std::string(line.requestId.value_or("-")));
+      if (line.kind == MeterLine::Kind::kSkipped) ++wholeSkipped;
+    }
+    EXPECT_EQ(ids, wholeIds) << sliceBytes;
+    EXPECT_EQ(skipped, wholeSkipped) << sliceBytes;
+    EXPECT_TRUE(std::is_sorted(numbers.begin(), numbers.end())) << sliceBytes;
+  }
+}
+
+}  // namespace
+}  // namespace ostler
