@@ -1,5 +1,6 @@
 #include "meter/json_line.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 
@@ -135,7 +136,53 @@ bool rewriteForParser(std::string_view s, std::string* out) {
   return changed;
 }
 
-JsonLineParser::JsonLineParser() = default;
+namespace {
+
+// A line may nest containers 1,024 deep and no deeper. The parser counts a
+// scalar inside the innermost container as a level of its own, so it is
+// given one level more, and the one shape that then slips through, 1,025
+// containers with an empty innermost one, is caught on the tape.
+constexpr size_t kMaxContainerDepth = 1024;
+
+// The deepest container nesting of a parsed document, read off its tape.
+size_t containerDepth(const simdjson::dom::document& doc) {
+  const uint64_t* tape = doc.tape.get();
+  const size_t end = static_cast<size_t>(tape[0] & simdjson::internal::JSON_VALUE_MASK);
+  size_t depth = 0, deepest = 0;
+  for (size_t i = 1; i < end; ++i) {
+    switch (static_cast<char>(tape[i] >> 56)) {
+      case '[':
+      case '{':
+        deepest = std::max(deepest, ++depth);
+        break;
+      case ']':
+      case '}':
+        --depth;
+        break;
+      case 'l':
+      case 'u':
+      case 'd':
+        ++i;  // numbers take a second slot for their value
+        break;
+      default:
+        break;
+    }
+  }
+  return deepest;
+}
+
+bool tooDeep(const simdjson::dom::parser& parser) {
+  // Every container takes two tape slots, so a short tape cannot be deep.
+  const size_t tapeLength = static_cast<size_t>(parser.doc.tape[0] & simdjson::internal::JSON_VALUE_MASK);
+  return tapeLength > 2 * kMaxContainerDepth && containerDepth(parser.doc) > kMaxContainerDepth;
+}
+
+}  // namespace
+
+JsonLineParser::JsonLineParser() {
+  // Only fails when memory is exhausted; parsing then fails line by line.
+  [[maybe_unused]] simdjson::error_code error = parser_.allocate(4096, kMaxContainerDepth + 1);
+}
 
 std::optional<simdjson::dom::object> JsonLineParser::parse(std::string_view line, bool padded) {
   if (line.size() >= 3 && static_cast<unsigned char>(line[0]) == 0xEF &&
@@ -159,6 +206,7 @@ std::optional<simdjson::dom::object> JsonLineParser::parse(std::string_view line
     if (!changed) return std::nullopt;
     if (parser_.parse(text.data(), text.size(), true).get(root)) return std::nullopt;
   }
+  if (tooDeep(parser_)) return std::nullopt;
   simdjson::dom::object object;
   if (root.get_object().get(object)) return std::nullopt;
   return object;

@@ -37,8 +37,9 @@ icu::UnicodeString replaceAll(const icu::RegexPattern& pattern, const icu::Unico
   return U_FAILURE(status) ? input : out;
 }
 
-// ICU's \s on ASCII: tab, line feed, form feed, carriage return, space.
-bool isSpace(char c) { return c == '\t' || c == '\n' || c == '\f' || c == '\r' || c == ' '; }
+// ICU's \s on ASCII: the Unicode white space of that range, which is tab,
+// line feed, vertical tab, form feed, carriage return and space.
+bool isSpace(char c) { return (c >= '\t' && c <= '\r') || c == ' '; }
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 bool isWord(char c) {
   return isDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
