@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "support/transcript_tree.h"
+
 namespace ostler {
 namespace {
 
@@ -79,6 +81,59 @@ TEST(RepeatPipelinesTest, StableHashIsFnv1a64InLowercaseHex) {
   EXPECT_EQ(stableHash("foobar"), "85944171f73967e8");
   EXPECT_EQ(hashHex(0x0abcULL), "abc");  // no leading zeros
   EXPECT_EQ(hashHex(0), "0");
+}
+
+
+using testing::assistant;
+using testing::at;
+using testing::bash;
+using testing::json;
+using testing::toolUse;
+using testing::Tree;
+
+const ReceiptCategory& repeatPipelines(const Receipt& r) { return r.mac_first.categories[1]; }
+
+TEST(RepeatPipelinesTest, OccurrencesAreNumberedAlikeInBothPasses) {
+  const std::string opus = "claude-opus-4-5";
+  Tree tree;
+  tree.main("-home-dev-shop", "aaaaaaaa-1",
+            {assistant("r1", opus, {.output = 1'000}, at(0),
+                       json::array({bash("b0", "grep foo /src/a.txt"), toolUse("bx", "Bash", json::object())})),
+             assistant("r2", opus, {.output = 2'000}, at(10),
+                       json::array({bash("b1", "grep foo /src/b.txt"), bash("b2", "ls -la")}))});
+  tree.subagent("-home-dev-shop", "aaaaaaaa-1", "agent-1",
+                {assistant("r3", opus, {.output = 3'000}, at(20), json::array({bash("b3", "grep foo /src/c.txt")}))});
+  tree.main("-home-dev-web", "bbbbbbbb-2",
+            {assistant("r1", opus, {.output = 1'000}, at(30),  // a repeated request runs nothing
+                       json::array({bash("b4", "grep foo /src/z.txt")})),
+             assistant("r5", opus, {.output = 4'000}, at(40), json::array({bash("b5", "grep foo /src/d.txt")}))});
+  const Receipt r = tree.run();
+  // grep runs four times, so its second to fourth runs qualify; the turn
+  // that also ran "ls -la" once splits its dollars with that template.
+  const ReceiptCategory& r2 = repeatPipelines(r);
+  const double out = 25.0 / 1e6;
+  EXPECT_DOUBLE_EQ(r2.usd, roundUSD((2'000 + 3'000 + 4'000) * out));
+  EXPECT_EQ(r2.sessions_distinct, 2);
+  ASSERT_EQ(r2.detail_lines.size(), 2u);
+  EXPECT_EQ(r2.detail_lines[0].text, "template " + stableHash("grep foo <PATH>").substr(0, 8) + " (4x)");
+  EXPECT_DOUBLE_EQ(r2.detail_lines[0].usd, roundUSD((1'000 + 3'000 + 4'000) * out));
+  EXPECT_EQ(r2.detail_lines[1].text, "template " + stableHash("ls -la").substr(0, 8) + " (0x)");
+  EXPECT_DOUBLE_EQ(r2.detail_lines[1].usd, roundUSD(1'000 * out));
+}
+
+TEST(RepeatPipelinesTest, OnlyRunsInRangeCount) {
+  Tree tree;
+  tree.main("-home-dev-shop", "aaaaaaaa-1",
+            {assistant("e1", "claude-opus-4-5", {.output = 1'000}, "2026-11-01T10:00:00Z",
+                       json::array({bash("b1", "echo 1")})),
+             assistant("e2", "claude-opus-4-5", {.output = 1'000}, "2026-11-02T10:00:00Z",
+                       json::array({bash("b2", "echo 2")})),
+             assistant("e3", "claude-opus-4-5", {.output = 1'000}, "2026-11-03T10:00:00Z",
+                       json::array({bash("b3", "echo 3")}))});
+  EXPECT_DOUBLE_EQ(repeatPipelines(tree.run()).usd, 0.05);
+  MeterOptions o = tree.options();
+  o.until = "2026-11-02";
+  EXPECT_EQ(repeatPipelines(tree.run(o)).usd, 0.0);  // two runs in range qualify nothing
 }
 
 }  // namespace
