@@ -105,7 +105,7 @@ TEST(RepeatPipelinesTest, OccurrencesAreNumberedAlikeInBothPasses) {
                 {assistant("r3", opus, {.output = 3'000}, at(20), json::array({bash("b3", "grep foo /src/c.txt")}))});
   tree.main("-home-dev-web", "bbbbbbbb-2",
             {assistant("r1", opus, {.output = 1'000}, at(30),  // a repeated request runs nothing
-                       json::array({bash("b4", "grep foo /src/z.txt")})),
+                       json::array({bash("b4", "make clean")})),
              assistant("r5", opus, {.output = 4'000}, at(40), json::array({bash("b5", "grep foo /src/d.txt")}))});
   const Receipt r = tree.run();
   // grep runs four times, so its second to fourth runs qualify; the turn
