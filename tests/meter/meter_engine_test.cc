@@ -102,7 +102,7 @@ TEST(MeterEngineTest, SessionIdsAreNotedOnEveryDecodedLine) {
   json old = assistant("b1", kOpus, {.output = 1'000}, "2026-01-01T00:00:00Z");
   old["sessionId"] = "old-id";
   tree.main("-p", "s2", {old});
-  testing::appendFile(tree.root() / "-p" / "s2.jsonl", "{\"sessionId\":\"skipped-id\",\"type\":7}\n \t\n");
+  testing::appendFile(tree.root() / "-p" / "s2.jsonl", "{\"sessionId\":\"skipped-id\",\"type\":7}\n \t\n\r\n");
   MeterOptions o = tree.options();
   o.since = "2026-11-01";
   const Receipt r = tree.run(o);
@@ -110,7 +110,7 @@ TEST(MeterEngineTest, SessionIdsAreNotedOnEveryDecodedLine) {
   EXPECT_EQ(r.flags.distinct_files, 1);
   EXPECT_EQ(r.flags.files_with_multiple_session_ids, 1);
   EXPECT_EQ(r.flags.distinct_session_ids, 4);  // original, resumed, no-type and old
-  EXPECT_EQ(r.flags.skipped_lines, 1);           // the blank line is not counted
+  EXPECT_EQ(r.flags.skipped_lines, 2);  // a lone carriage return is no blank line; spaces and tabs are
   EXPECT_EQ(r.period.from, "2026-11-01");
   EXPECT_EQ(r.period.to, at(1));
 }
