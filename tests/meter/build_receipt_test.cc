@@ -1,0 +1,148 @@
+#include "meter/build_receipt.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace ostler {
+namespace {
+
+const std::string kGenerated = "2026-11-23T00:00:00Z";
+
+TEST(BuildReceiptTest, PercentileRoundsHalvesAwayFromZero) {
+  struct Case {
+    std::vector<int64_t> sorted;
+    double p;
+    int64_t value;
+  };
+  const std::vector<Case> cases = {
+      {{1, 2, 3, 4}, 50, 3},  // index round(1.5) = 2
+      {{1, 2, 3, 4}, 95, 4},  // index round(2.85) = 3
+      {{5}, 50, 5},
+      {{5}, 95, 5},
+      {{}, 50, 0},
+      {{1, 2}, 50, 2},        // index round(0.5) = 1, not 0
+      {{1, 2, 3}, 95, 3},
+      {{1, 2, 3}, 0, 1},
+      {{1, 2, 3}, 100, 3},
+      {{10, 20, 30, 40, 50, 60, 70, 80, 90, 100}, 50, 60},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(percentile(c.sorted, c.p), c.value) << ::testing::PrintToString(c.sorted) << " p" << c.p;
+}
+
+TEST(BuildReceiptTest, TopDetailsKeepsTheTenLargestTiesByText) {
+  std::vector<DetailCandidate> candidates;
+  for (int i = 1; i <= 11; ++i) candidates.push_back({"c" + std::to_string(i), double(i), "s" + std::to_string(i)});
+  auto lines = topDetails(candidates);
+  ASSERT_EQ(lines.size(), 10u);
+  EXPECT_EQ(lines.front().text, "c11");
+  EXPECT_EQ(lines.back().text, "c2");  // the smallest goes
+  EXPECT_EQ(lines.back().session_id, "s2");
+
+  lines = topDetails({{"b", 1.0, std::nullopt},
+                      {"a", 1.0, "a1"},
+                      {"x", 0.0000014, std::nullopt},
+                      {"w", 0.0000011, std::nullopt},
+                      {"r", 0.0000025, "r1"}});
+  ASSERT_EQ(lines.size(), 5u);
+  EXPECT_EQ(lines[0].text, "a");
+  EXPECT_EQ(lines[1].text, "b");
+  EXPECT_FALSE(lines[1].session_id.has_value());
+  EXPECT_EQ(lines[2].text, "r");
+  EXPECT_EQ(lines[2].usd, 0.000003);
+  EXPECT_EQ(lines[3].text, "x");  // sorted before rounding makes them equal
+  EXPECT_EQ(lines[3].usd, lines[4].usd);
+}
+
+TEST(BuildReceiptTest, ListsAreSortedThenCut) {
+  GlobalAggregator agg;
+  agg.byModel = {{"b", {1, 1.0000004}}, {"a", {2, 0.9999996}}, {"c", {1, 3.0}}};
+  agg.byProject = {{"p", {1, 2.0}}, {"q", {2, 3.0}}};
+  agg.byDay = {{"2026-11-02", 1.0}, {"2026-11-01", 2.0}};
+  for (int i = 0; i < 12; ++i)
+    agg.topSessions.push_back({"session-" + std::to_string(100 + i), "p", 1.23456789 + (i == 11 ? -1.0 : 0.0), i, 0});
+  for (int i = 0; i < 12; ++i)
+    agg.mediaLoopCandidates.push_back({"loop-session-" + std::to_string(20 - i), i == 0 ? "zz" : "aa", 5,
+                                       i == 0 ? 0.6 : 0.5, 1.0, "t0", "t1", 1});
+  agg.mediaLoopCandidates.push_back({"loop-session-20", "mm", 7, 0.6, 1.0, "t0", "t1", 1});
+  agg.r2TemplateAttributed = {{0xabc, 2.0}, {0x1000, 2.0}, {0x123456789abcdefULL, 3.0}};
+  for (uint64_t h = 1; h <= 8; ++h) agg.r2TemplateAttributed[h << 40] = 0.5;
+  agg.r2TemplateOccCount = {{0xabc, 5}, {0x123456789abcdefULL, 9}};
+  const Receipt r = buildReceipt(agg, MeterOptions{}, kGenerated);
+
+  ASSERT_EQ(r.by_model.size(), 3u);
+  EXPECT_EQ(r.by_model[0].model, "c");
+  EXPECT_EQ(r.by_model[1].model, "a");  // equal once rounded: by name
+  EXPECT_EQ(r.by_model[1].spent_usd, 1.0);
+  EXPECT_EQ(r.by_project[0].project, "q");
+  EXPECT_EQ(r.by_day[0].date, "2026-11-01");
+
+  ASSERT_EQ(r.top_sessions.size(), 10u);
+  EXPECT_EQ(r.top_sessions[0].sessionId, "session-100");
+  EXPECT_EQ(r.top_sessions[0].spent_usd, 1.23456789);  // not rounded
+  EXPECT_EQ(r.top_sessions[9].sessionId, "session-109");
+
+  const ReceiptMediaLoops& loops = r.mac_first.media_loops;
+  EXPECT_EQ(loops.count, 13);
+  EXPECT_EQ(loops.sessions_distinct, 12);
+  ASSERT_EQ(loops.loops.size(), 10u);
+  EXPECT_EQ(loops.loops[0].project, "mm");  // equal dollars and session: by project
+  EXPECT_EQ(loops.loops[1].project, "zz");
+  EXPECT_EQ(loops.loops[2].sessionId, "loop-session-10");  // then by session id, as text
+  EXPECT_EQ(loops.loops[9].sessionId, "loop-session-17");
+  EXPECT_DOUBLE_EQ(loops.total_usd, 6.7);
+  EXPECT_EQ(loops.attribution_note, "loops keep 51.5% of raw against the category's 0.0%");
+  const auto& loopLines = r.mac_first.categories[0].detail_lines;
+  ASSERT_EQ(loopLines.size(), 10u);
+  EXPECT_EQ(loopLines[0].text, "review loop: mm, 7 images");
+  EXPECT_EQ(loopLines[0].session_id, "loop-ses");
+
+  const auto& templates = r.mac_first.categories[1].detail_lines;
+  ASSERT_EQ(templates.size(), 10u);
+  EXPECT_EQ(templates[0].text, "template 12345678 (9x)");
+  EXPECT_EQ(templates[1].text, "template 1000 (0x)");  // ties by the hash as text
+  EXPECT_EQ(templates[2].text, "template abc (5x)");
+  EXPECT_FALSE(templates[0].session_id.has_value());
+}
+
+TEST(BuildReceiptTest, FiguresComeFromUnroundedSums) {
+  GlobalAggregator agg;
+  agg.totalSpent = 1.0;
+  agg.wasteW1 = 0.6000004;
+  agg.macFirstR1 = 0.4000004;
+  agg.rawR1 = 0.8000008;
+  agg.mediaLoopCandidates.push_back({"s", "p", 5, 0.25, 1.0, "t0", "t1", 1});
+  agg.minTimestamp = "2026-11-01T10:00:00Z";
+  agg.maxTimestamp = "2026-11-09T10:00:00Z";
+  agg.unknownModels = {"zeta", "alpha"};
+  agg.typedShareFloorUSD = 0.0;
+  Receipt r = buildReceipt(agg, MeterOptions{}, kGenerated);
+  EXPECT_EQ(r.waste.total_usd, 0.6);
+  EXPECT_EQ(r.mac_first.total_usd, 0.4);
+  EXPECT_EQ(r.fair_usd, -0.000001);  // not held at zero
+  EXPECT_EQ(r.mac_first.media_loops.attribution_note, "loops keep 25.0% of raw against the category's 50.0%");
+  EXPECT_EQ(r.period.from, "2026-11-01T10:00:00Z");
+  EXPECT_EQ(r.period.to, "2026-11-09T10:00:00Z");
+  EXPECT_EQ(r.flags.unknown_models, (std::vector<std::string>{"alpha", "zeta"}));
+  EXPECT_EQ(r.generated_at, kGenerated);
+
+  MeterOptions dated;
+  dated.since = "2026-10-01";
+  dated.until = "2026-10-31";
+  dated.sinceInstant = "2026-10-05T00:00:00Z";  // instants are not shown
+  r = buildReceipt(agg, dated, kGenerated);
+  EXPECT_EQ(r.period.from, "2026-10-01");
+  EXPECT_EQ(r.period.to, "2026-10-31");
+
+  GlobalAggregator typed;
+  typed.totalSpent = 10.0;
+  typed.typedShareFloorUSD = 1.2345;
+  EXPECT_EQ(buildReceipt(typed, MeterOptions{}, kGenerated).typed_share->faced_share_percent, 12.35);
+  typed.totalSpent = 0.0;
+  EXPECT_EQ(buildReceipt(typed, MeterOptions{}, kGenerated).typed_share->faced_share_percent, 0.0);
+}
+
+}  // namespace
+}  // namespace ostler

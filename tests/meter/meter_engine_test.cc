@@ -1,0 +1,179 @@
+#include "meter/meter_engine.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "support/transcript_tree.h"
+
+namespace ostler {
+
+void PrintTo(const MeterProgress& p, std::ostream* os) {
+  *os << "{" << p.filesProcessed << ", " << p.totalFiles << ", " << p.tokensMetered << "}";
+}
+
+namespace {
+
+using testing::assistant;
+using testing::at;
+using testing::FakeClock;
+using testing::json;
+using testing::TempDir;
+using testing::Tokens;
+using testing::Tree;
+using testing::user;
+
+const std::string kOpus = "claude-opus-4-5";
+
+struct Recorder {
+  std::vector<MeterProgress> reports;
+  FakeClock clock{testing::kOrigin};
+  double advancePerReport = 0;  // seconds the clock moves after each report
+
+  Receipt run(const MeterOptions& options) {
+    return MeterEngine::run(
+        options,
+        [this](const MeterProgress& p) {
+          reports.push_back(p);
+          clock.advance(advancePerReport);
+        },
+        clock);
+  }
+};
+
+int64_t tokens(const Receipt& r) {
+  const auto& t = r.totals.tokens;
+  return t.input + t.output + t.cache_read + t.cache_write;
+}
+
+TEST(MeterEngineTest, AnEmptyOrMissingRootGivesAReceiptOfZeros) {
+  TempDir dir;
+  testing::writeFile(dir.path() / "-p" / "notes.txt", "not a transcript");
+  for (const auto& root : {dir.path(), dir.path() / "missing"}) {
+    Recorder recorder;
+    MeterOptions o;
+    o.root = root.string();
+    const Receipt r = recorder.run(o);
+    EXPECT_EQ(r.totals.turns, 0);
+    EXPECT_EQ(r.totals.sessions, 0);
+    EXPECT_TRUE(r.by_model.empty());
+    EXPECT_EQ(r.waste.categories.size(), 4u);
+    EXPECT_EQ(r.mac_first.categories.size(), 3u);
+    EXPECT_TRUE(recorder.reports.empty()) << root;
+  }
+}
+
+TEST(MeterEngineTest, ProgressReportsTheFirstAndLastOfEachPass) {
+  Tree one;
+  one.main("-p", "s1", {assistant("a", kOpus, {.input = 3, .output = 4}, at(0))});
+  Recorder single;
+  single.run(one.options());
+  EXPECT_EQ(single.reports, (std::vector<MeterProgress>{{1, 1, 0}, {1, 1, 7}}));
+
+  Tree three;
+  three.main("-p", "s1", {assistant("a", kOpus, {.output = 10}, at(0))});
+  three.subagent("-p", "s1", "agent-1", {assistant("b", kOpus, {.output = 20}, at(1))});
+  three.main("-p", "s2", {assistant("c", kOpus, {.output = 30}, at(2))});
+  three.main("-p", "s3", {assistant("d", kOpus, {.output = 40}, at(3))});
+
+  // With the clock standing still, the reports between first and last fall.
+  Recorder still;
+  still.run(three.options());
+  EXPECT_EQ(still.reports, (std::vector<MeterProgress>{{1, 4, 0}, {4, 4, 0}, {4, 4, 30}, {4, 4, 100}}));
+
+  // With time passing, every file of pass one and every group of pass two.
+  Recorder moving;
+  moving.advancePerReport = 0.25;
+  moving.run(three.options());
+  EXPECT_EQ(moving.reports, (std::vector<MeterProgress>{
+                                {1, 4, 0}, {2, 4, 0}, {3, 4, 0}, {4, 4, 0}, {4, 4, 30}, {4, 4, 60}, {4, 4, 100}}));
+}
+
+TEST(MeterEngineTest, SessionIdsAreNotedOnEveryDecodedLine) {
+  json other = assistant("a2", kOpus, {.output = 1'000}, at(1));
+  other["sessionId"] = "resumed-id";
+  json first = assistant("a1", kOpus, {.output = 1'000}, at(0));
+  first["sessionId"] = "original-id";
+  Tree tree;
+  tree.main("-p", "s1", {first, other, json{{"sessionId", "no-type-id"}}});
+  // Only out of range: no turn and no session, though its id is noted.
+  json old = assistant("b1", kOpus, {.output = 1'000}, "2026-01-01T00:00:00Z");
+  old["sessionId"] = "old-id";
+  tree.main("-p", "s2", {old});
+  testing::appendFile(tree.root() / "-p" / "s2.jsonl", "{\"sessionId\":\"skipped-id\",\"type\":7}\n \t\n\r\n");
+  MeterOptions o = tree.options();
+  o.since = "2026-11-01";
+  const Receipt r = tree.run(o);
+  EXPECT_EQ(r.totals.sessions, 1);
+  EXPECT_EQ(r.flags.distinct_files, 1);
+  EXPECT_EQ(r.flags.files_with_multiple_session_ids, 1);
+  EXPECT_EQ(r.flags.distinct_session_ids, 4);  // original, resumed, no-type and old
+  EXPECT_EQ(r.flags.skipped_lines, 2);  // a lone carriage return is no blank line; spaces and tabs are
+  EXPECT_EQ(r.period.from, "2026-11-01");
+  EXPECT_EQ(r.period.to, at(1));
+}
+
+// The checks every receipt must pass, whatever the tree.
+void expectConsistent(const Receipt& r) {
+  EXPECT_NEAR(r.fair_usd + r.waste.total_usd + r.mac_first.total_usd, r.totals.spent_usd, 2e-6);
+  double waste = 0, macFirst = 0;
+  for (const auto& c : r.waste.categories) waste += c.usd;
+  for (const auto& c : r.mac_first.categories) macFirst += c.usd;
+  EXPECT_NEAR(waste, r.waste.total_usd, 3e-6);
+  EXPECT_NEAR(macFirst, r.mac_first.total_usd, 2e-6);
+  const auto& d = r.waste.diagnostics_raw_usd;
+  const double raw[] = {d.overweight, d.duplicate_reads, d.oversized_dumps, d.cache_expiry};
+  for (size_t i = 0; i < 4; ++i) EXPECT_LE(r.waste.categories[i].usd, raw[i] + 1e-6) << r.waste.categories[i].key;
+  const double rawMac[] = {d.media_reads, d.repeat_pipelines, d.downshift};
+  for (size_t i = 0; i < 3; ++i)
+    EXPECT_LE(r.mac_first.categories[i].usd, rawMac[i] + 1e-6) << r.mac_first.categories[i].key;
+  double byModel = 0, byDay = 0;
+  for (const auto& m : r.by_model) byModel += m.spent_usd;
+  for (const auto& day : r.by_day) byDay += day.spent_usd;
+  EXPECT_NEAR(byModel, r.totals.spent_usd, 1e-6 * double(r.by_model.size() + 1));
+  EXPECT_NEAR(byDay, r.totals.spent_usd, 1e-6 * double(r.by_day.size() + 1));
+}
+
+TEST(MeterEngineTest, GeneratedTreesKeepThePartitionOfSpend) {
+  if (!testing::haveShared()) GTEST_SKIP() << "no shared fixtures beside the checkout";
+  for (int seed : {11, 12, 13}) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    TempDir dir;
+    ASSERT_TRUE(testing::generateTree(dir.path(), {"--seed", std::to_string(seed), "--sessions", "6", "--turns", "12",
+                                                   "--image-kb", "8", "--end", "2026-11-20"}));
+    MeterOptions o;
+    o.root = dir.str();
+    Recorder recorder;
+    recorder.advancePerReport = 1.0;
+    const Receipt r = recorder.run(o);
+    ASSERT_GT(r.totals.turns, 0);
+    EXPECT_GT(r.waste.total_usd + r.mac_first.total_usd, 0.0);
+    expectConsistent(r);
+
+    // Pass one reports files read with no tokens; pass two reports every
+    // file read and the tokens so far.
+    ASSERT_FALSE(recorder.reports.empty());
+    const int64_t total = recorder.reports.front().totalFiles;
+    size_t i = 0;
+    for (; i < recorder.reports.size() && recorder.reports[i].filesProcessed < total; ++i)
+      EXPECT_EQ(recorder.reports[i].tokensMetered, 0);
+    ASSERT_LT(i + 1, recorder.reports.size());
+    for (++i; i < recorder.reports.size(); ++i) EXPECT_EQ(recorder.reports[i].filesProcessed, total);
+    EXPECT_EQ(recorder.reports.back().tokensMetered, tokens(r));
+
+    // The same pass again gives the same figures, however the work was split.
+    EXPECT_EQ(MeterEngine::run(o, nullptr, recorder.clock), MeterEngine::run(o, nullptr, recorder.clock));
+
+    MeterOptions window = o;
+    window.sinceInstant = "2026-11-10T00:00:00Z";
+    window.until = "2026-11-15";
+    const Receipt windowed = MeterEngine::run(window, nullptr, recorder.clock);
+    expectConsistent(windowed);
+    EXPECT_LT(windowed.totals.turns, r.totals.turns);
+  }
+}
+
+}  // namespace
+}  // namespace ostler

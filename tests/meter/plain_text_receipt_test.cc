@@ -1,0 +1,188 @@
+#include "meter/plain_text_receipt.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "meter/build_receipt.h"
+#include "support/transcript_tree.h"
+
+namespace ostler {
+namespace {
+
+Receipt emptyReceipt() { return buildReceipt(GlobalAggregator{}, MeterOptions{}, "2026-11-23T00:00:00Z"); }
+
+std::vector<std::string> linesOf(const std::string& text) {
+  std::vector<std::string> out;
+  std::stringstream in(text);
+  for (std::string line; std::getline(in, line);) out.push_back(line);
+  return out;
+}
+
+bool hasLine(const std::string& text, const std::string& line) {
+  const auto lines = linesOf(text);
+  return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+
+// The line after `line`, or "(none)".
+std::string lineAfter(const std::string& text, const std::string& line) {
+  const auto lines = linesOf(text);
+  auto it = std::find(lines.begin(), lines.end(), line);
+  return it == lines.end() || it + 1 == lines.end() ? "(none)" : *(it + 1);
+}
+
+TEST(PlainTextReceiptTest, RowJoinsLabelAndValueWithADotLeader) {
+  EXPECT_EQ(row("Spent", "$12.34", 42), "Spent" + std::string(31, '.') + "$12.34");
+  const std::string sixty(60, 'L');
+  EXPECT_EQ(row(sixty, "$1.00", 42), std::string(36, 'L') + ".$1.00");  // cut to leave one dot
+  EXPECT_EQ(row(std::string(36, 'L'), "$1.00", 42), std::string(36, 'L') + ".$1.00");
+  EXPECT_EQ(row(std::string(35, 'L'), "$1.00", 42), std::string(35, 'L') + "..$1.00");
+  const std::string wide(45, '9');
+  EXPECT_EQ(row("label", wide, 42), "." + wide);  // the value is never cut
+  // Lengths are in characters: an accented letter of two code points is one.
+  EXPECT_EQ(row("e\xCC\x81", "$1.00", 42), "e\xCC\x81" + std::string(36, '.') + "$1.00");
+  EXPECT_EQ(row(std::string(35, 'L') + "\xF0\x9F\x91\x8D\xF0\x9F\x8F\xBD" + "tail", "$1.00", 42),
+            std::string(35, 'L') + "\xF0\x9F\x91\x8D\xF0\x9F\x8F\xBD" + ".$1.00");
+}
+
+TEST(PlainTextReceiptTest, CenterPutsTheOddSpaceAfter) {
+  EXPECT_EQ(center("OSTLER RECEIPT", 42), std::string(14, ' ') + "OSTLER RECEIPT" + std::string(14, ' '));
+  EXPECT_EQ(center("abc", 10), "   abc    ");
+  EXPECT_EQ(center(std::string(42, 'x'), 42), std::string(42, 'x'));
+  EXPECT_EQ(center(std::string(50, 'x'), 42), std::string(50, 'x'));
+  EXPECT_EQ(center("\xC3\xA9", 4), " \xC3\xA9  ");
+}
+
+TEST(PlainTextReceiptTest, EmptyTreeReceiptWhole) {
+  const std::string expected =
+      "==========================================\n"
+      "              OSTLER RECEIPT              \n"
+      "==========================================\n"
+      "Period  to \n"
+      "Generated 2026-11-23T00:00:00Z\n"
+      "\n"
+      "TOTALS\n"
+      "Turns....................................0\n"
+      "Sessions.................................0\n"
+      "Projects.................................0\n"
+      "Spent................................$0.00\n"
+      "Input tokens.............................0\n"
+      "Output tokens............................0\n"
+      "Cache read tokens........................0\n"
+      "Cache write tokens.......................0\n"
+      "\n"
+      "SPEND BY MODEL\n"
+      "  none\n"
+      "\n"
+      "WASTE, ITEMIZED\n"
+      "Context growth written past 100k.....$0.00\n"
+      "Duplicate file reads.................$0.00\n"
+      "Oversized tool dumps.................$0.00\n"
+      "Cache expiry.........................$0.00\n"
+      "note: waste and mac_first are one partition of spend (v1.1/v1.4): each turn's attribution is capped at its "
+      "own actual cost in priority order W4, R2, R1, R3, W1, W2, W3, so nothing overlaps past what was really spent\n"
+      "\n"
+      "IF YOUR MAC LOOKED FIRST\n"
+      "Media reads..........................$0.00\n"
+      "Repeat pipelines.....................$0.00\n"
+      "Mechanical turns, reroutable legs on.$0.00\n"
+      "\n"
+      "\n"
+      "------------------------------------------\n"
+      "YOUR NUMBER..........................$0.00\n"
+      "spend a machine could have avoided\n"
+      "(estimated, waste + mac-first combined)\n"
+      "\n"
+      "FAIR FRONTIER WORK...................$0.00\n"
+      "worth every cent\n"
+      "\n"
+      "your own words.......................$0.00\n"
+      "of $0.00 spent (0.00%)\n"
+      "floor excludes 0 pastes over 2k bytes;\n"
+      "ceiling $0.00 counts them; each\n"
+      "word priced once, at its turn's entry rate\n"
+      "\n"
+      "Sessions: 0 files, 0 distinct ids\n"
+      "Turns per session: p50 0, p95 0, max 0\n"
+      "priced at Anthropic API list rates; for subscription users this is the list-rate value consumed, not cash "
+      "paid; pricing table v2, 2026-08-17, adds sonnet-5 row\n"
+      "all estimates labeled as estimates\n"
+      "nothing left your Mac";
+  EXPECT_EQ(renderPlainTextReceipt(emptyReceipt()), expected);
+}
+
+TEST(PlainTextReceiptTest, CategoryBlockShowsThreeDetailsThenACount) {
+  Receipt r = emptyReceipt();
+  for (int i = 1; i <= 4; ++i) r.waste.categories[1].detail_lines.push_back({"file" + std::to_string(i), 0.5, "s"});
+  for (int i = 1; i <= 3; ++i) r.mac_first.categories[2].detail_lines.push_back({"turn " + std::to_string(i), 1.0, "s"});
+  const std::string text = renderPlainTextReceipt(r);
+  EXPECT_EQ(lineAfter(text, "  file3" + std::string(30, '.') + "$0.50"), "  + 1 more");
+  EXPECT_FALSE(hasLine(text, "  file4" + std::string(30, '.') + "$0.50"));
+  EXPECT_EQ(lineAfter(text, "  turn 3" + std::string(29, '.') + "$1.00"), "");
+  EXPECT_FALSE(hasLine(text, "  + 0 more"));
+}
+
+TEST(PlainTextReceiptTest, OptionalLinesFollowTheirFigures) {
+  Receipt r = emptyReceipt();
+  auto& d = r.waste.diagnostics_raw_usd;
+  r.switch_tax->counterfactual_usd = 0.5;  // without a floor the block is gone
+  d.whole_session_downshift_usd = 0.2;     // without a dispatch figure only its own pair prints
+  std::string text = renderPlainTextReceipt(r);
+  EXPECT_EQ(text.find("switch"), std::string::npos);
+  EXPECT_EQ(text.find("counterfactual"), std::string::npos);
+  EXPECT_EQ(lineAfter(text, "  sessions never downshifted whole...$0.20"), "  see dispatch_downshift_usd above");
+  EXPECT_EQ(lineAfter(text, "  see dispatch_downshift_usd above"), "");
+
+  r.switch_tax->floor_usd = 0.1;
+  r.switch_tax->switch_count = 3;
+  r.switch_tax->session_count = 2;
+  r.switch_tax->counterfactual_usd = 0.0;
+  d.dispatch_downshift_usd = 0.3;
+  d.dispatch_downshift_units = 4;
+  d.dispatch_downshift_spend_usd = 1.234;
+  d.overweight = 2.0;
+  d.w1_composition = {1.5, 0.5};
+  d.carried_dumps_read_usd = 0.75;
+  r.waste.total_usd = 1.0;
+  r.typed_share->synthetic_zeroed_count = 2;
+  r.auto_compactions->event_count = 1;
+  r.auto_compactions->involuntary_count = 1;
+  r.flags.unknown_models = {"gpt-4o"};
+  r.flags.skipped_lines = 7;
+  r.flags.subagent_files = 2;
+  r.flags.subagent_turns = 9;
+  r.mac_first.media_loops.loops = {{"abcdefgh-1234", "shop", 6, 0.42}};
+  for (int i = 0; i < 6; ++i)
+    r.top_sessions.push_back({"session" + std::to_string(i) + "-uuid", "shop", 1.0 - i * 0.1, 3, 100});
+  text = renderPlainTextReceipt(r);
+  for (const std::string& line : {
+           row("  switch tax (floor)", "$0.10", 42),
+           std::string("  3 model switches, 2 sessions"),
+           row("counterfactual: dispatch on sonnet", "$0.30", 42),
+           std::string("4 dispatches, $1.23 spend (not in the number above)"),
+           row("raw estimate, all 7 (uncapped)", "$2.00", 42),
+           std::string("  W1 split: in $1.50 write $0.50"),
+           row("  carried dumps (cache reads)", "$0.75", 42),
+           std::string("2 messages priced at $0 (entered a synthetic turn, safe direction)"),
+           std::string("AUTO-COMPACTIONS (ESTIMATE, NEVER THE STAMP)"),
+           std::string("  1 events, 1 involuntary, 0 voluntary"),
+           row("  subset: shop loop, 6 img", "$0.42", 42),
+           row("shop session4", "$0.60", 42),
+           std::string("Unknown models priced at opus rate:"),
+           std::string("  gpt-4o"),
+           std::string("Skipped unparseable lines: 7"),
+           std::string("Subagents: 2 files, 9 turns folded into parent sessions"),
+       })
+    EXPECT_TRUE(hasLine(text, line)) << line;
+  EXPECT_EQ(text.find("counting the full cache"), std::string::npos);
+  EXPECT_EQ(text.find("session5"), std::string::npos);  // five top sessions only
+  EXPECT_EQ(text.find("carried context"), std::string::npos);
+  EXPECT_EQ(lineAfter(text, "  see dispatch_downshift_usd above"), "");
+  EXPECT_EQ(lineAfter(text, "  1 events, 1 involuntary, 0 voluntary"), "");
+}
+
+}  // namespace
+}  // namespace ostler

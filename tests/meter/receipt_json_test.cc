@@ -1,0 +1,208 @@
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "meter/receipt.h"
+#include "support/transcript_tree.h"
+
+namespace ostler {
+namespace {
+
+using nlohmann::json;
+using testing::assistant;
+using testing::at;
+using testing::bash;
+using testing::compactBoundary;
+using testing::imageBlock;
+using testing::readFile;
+using testing::toolResult;
+using testing::Tree;
+using testing::user;
+
+// A receipt with something in every list and section: images then a turn
+// past 100k of context, a dump re-read after a switch to sonnet, an expired
+// cache on an unknown model, a compaction, and repeated commands in a
+// subagent.
+Receipt populatedReceipt() {
+  const std::string opus = "claude-opus-4-5";
+  std::vector<json> lines = {user("please look at the screenshots", at(0))};
+  for (int i = 0; i < 5; ++i) lines.push_back(user(json::array({imageBlock(4'003)}), at(1 + i)));
+  lines.push_back(assistant("a1", opus, {.input = 20'000, .output = 900, .cacheRead = 100'000}, at(10),
+                            json::array({readFile("r1", "/src/a.txt")})));
+  lines.push_back(user(json::array({toolResult("r1", std::string(60'000, 'x'))}), at(11)));
+  lines.push_back(assistant("a2", "claude-sonnet-4-5", {.output = 900, .cacheRead = 100'000, .cache5m = 60'000},
+                            at(20), json::array({readFile("r2", "/src/a.txt")})));
+  lines.push_back(user(json::array({toolResult("r2", std::string(100, 'x'))}), at(21)));
+  lines.push_back(assistant("a3", "gpt-4o", {.output = 900, .cacheRead = 30'000, .cache5m = 60'000}, at(4'000)));
+  lines.push_back(compactBoundary("c1", 150'000, 9'000, at(4'100)));
+  lines.push_back(json{{"type", 5}});  // fails to decode
+  Tree tree;
+  tree.main("-home-dev-shop", "aaaaaaaa-1", lines);
+  tree.subagent("-home-dev-shop", "aaaaaaaa-1", "agent-1",
+                {assistant("s1", opus, {.output = 5'000}, at(30), json::array({bash("b1", "echo 1")})),
+                 assistant("s2", opus, {.output = 5'000}, at(31), json::array({bash("b2", "echo 2")})),
+                 assistant("s3", opus, {.output = 5'000}, at(32), json::array({bash("b3", "echo 3")}))});
+  return tree.run();
+}
+
+Receipt emptyReceipt() {
+  Tree tree;
+  return tree.run();
+}
+
+void expectNoNulls(const json& j, const std::string& where) {
+  EXPECT_FALSE(j.is_null()) << where;
+  if (j.is_object())
+    for (const auto& [key, value] : j.items()) expectNoNulls(value, where + "/" + key);
+  if (j.is_array())
+    for (size_t i = 0; i < j.size(); ++i) expectNoNulls(j[i], where + "/" + std::to_string(i));
+}
+
+TEST(ReceiptJsonTest, EmptyTreeReceiptWhole) {
+  const json expected = json::parse(R"json({
+    "schema": "ostler.receipt.v1", "generated_at": "2026-11-01T10:00:00Z",
+    "period": {"from": "", "to": ""},
+    "totals": {"turns": 0, "sessions": 0, "projects": 0, "spent_usd": 0.0,
+               "tokens": {"input": 0, "output": 0, "cache_read": 0, "cache_write": 0},
+               "sessions_context_over_100k": 0},
+    "by_model": [], "by_project": [], "by_day": [],
+    "waste": {"total_usd": 0.0,
+      "overlap_note": "waste and mac_first are one partition of spend (v1.1/v1.4): each turn's attribution is capped at its own actual cost in priority order W4, R2, R1, R3, W1, W2, W3, so nothing overlaps past what was really spent",
+      "categories": [
+        {"key": "overweight", "label": "Context growth written past 100k", "usd": 0.0, "detail_lines": [], "sessions_distinct": 0},
+        {"key": "duplicate_reads", "label": "Duplicate file reads", "usd": 0.0, "detail_lines": [], "sessions_distinct": 0},
+        {"key": "oversized_dumps", "label": "Oversized tool dumps", "usd": 0.0, "detail_lines": [], "sessions_distinct": 0},
+        {"key": "cache_expiry", "label": "Cache expiry", "usd": 0.0, "detail_lines": [], "sessions_distinct": 0}],
+      "diagnostics_raw_usd": {"overweight": 0.0, "duplicate_reads": 0.0, "oversized_dumps": 0.0, "cache_expiry": 0.0,
+        "w1_composition": {"input_usd": 0.0, "cache_write_usd": 0.0}, "carried_context_read_usd": 0.0,
+        "media_reads": 0.0, "repeat_pipelines": 0.0, "downshift": 0.0, "carried_duplicates_read_usd": 0.0,
+        "carried_dumps_read_usd": 0.0, "whole_session_downshift_usd": 0.0, "dispatch_downshift_usd": 0.0,
+        "dispatch_downshift_units": 0, "dispatch_downshift_spend_usd": 0.0}},
+    "mac_first": {"total_usd": 0.0,
+      "categories": [
+        {"key": "media_reads", "label": "Media reads", "usd": 0.0, "detail_lines": [], "sessions_distinct": 0,
+         "session_attribution_note": "sessions_distinct counts every session with nonzero attributed dollars in this category; the detail lines below are media-loop rows, a different (narrower) population -- see media_loops.sessions_distinct for the loops' own distinct-session count."},
+        {"key": "repeat_pipelines", "label": "Repeat pipelines", "usd": 0.0, "detail_lines": [], "sessions_distinct": 0,
+         "session_attribution_note": "detail lines group by Bash command template, which can span multiple sessions; no single session id applies per line. sessions_distinct below is still exact."},
+        {"key": "downshift", "label": "Mechanical turns, reroutable legs only", "usd": 0.0, "detail_lines": [], "sessions_distinct": 0}],
+      "media_loops": {"total_usd": 0.0, "raw_uncapped_usd": 0.0, "count": 0, "loops": [],
+        "attribution_note": "loops keep 0.0% of raw against the category's 0.0%", "sessions_distinct": 0}},
+    "fair_usd": 0.0, "top_sessions": [],
+    "flags": {"unknown_models": [], "skipped_lines": 0,
+      "pricing_note": "priced at Anthropic API list rates; for subscription users this is the list-rate value consumed, not cash paid; pricing table v2, 2026-08-17, adds sonnet-5 row",
+      "distinct_session_ids": 0, "distinct_files": 0, "files_with_multiple_session_ids": 0,
+      "turns_per_session_p50": 0, "turns_per_session_p95": 0, "turns_per_session_max": 0,
+      "subagent_files": 0, "subagent_turns": 0, "lines_without_request_id": 0,
+      "duplicate_request_id_lines_skipped": 0, "distinct_request_ids": 0},
+    "typed_share": {"floor_usd": 0.0, "floor_turns": 0, "ceiling_usd": 0.0, "ceiling_turns": 0, "paste_count": 0,
+      "base_usd": 0.0, "base_turns": 0, "faced_share_percent": 0.0, "synthetic_zeroed_count": 0, "sessions_distinct": 0},
+    "switch_tax": {"floor_usd": 0.0, "counterfactual_usd": 0.0, "switch_count": 0, "session_count": 0,
+      "top_switches": [], "sessions_distinct": 0},
+    "auto_compactions": {"primary_usd": 0.0, "bound_usd": 0.0, "event_count": 0, "involuntary_count": 0,
+      "voluntary_count": 0, "example_primary_usd": 0.0, "example_pre_tokens": 0, "example_post_tokens": 0,
+      "primary_pre_leg_usd": 0.0, "output_leg_usd": 0.0, "bound_pre_leg_usd": 0.0, "top_events": [],
+      "sessions_distinct": 0},
+    "session_id_convention": "session ids in this receipt are the first 8 characters of the transcript file's own name stem (a UUID in practice, not hex)"
+  })json");
+  const std::string text = encodeReceiptJSON(emptyReceipt());
+  EXPECT_EQ(json::parse(text), expected);
+  // Pretty-printed with two spaces and sorted keys, ending in a line feed.
+  EXPECT_EQ(text, json::parse(text).dump(2) + "\n");
+}
+
+TEST(ReceiptJsonTest, AbsentOptionalKeysAreLeftOut) {
+  Receipt r = populatedReceipt();
+  json full = r;
+  expectNoNulls(full, "");
+  for (const char* key : {"typed_share", "switch_tax", "auto_compactions"}) EXPECT_TRUE(full.contains(key));
+
+  r.typed_share.reset();
+  r.switch_tax.reset();
+  r.auto_compactions.reset();
+  r.waste.categories[0].detail_lines = {{"a line", 1.0, std::nullopt}};
+  const json j = r;
+  expectNoNulls(j, "");
+  for (const char* key : {"typed_share", "switch_tax", "auto_compactions"}) EXPECT_FALSE(j.contains(key)) << key;
+  EXPECT_EQ(j["waste"]["categories"][0]["detail_lines"][0], (json{{"text", "a line"}, {"usd", 1.0}}));
+  for (const auto& c : j["waste"]["categories"]) EXPECT_FALSE(c.contains("session_attribution_note"));
+  EXPECT_FALSE(j["mac_first"]["categories"][2].contains("session_attribution_note"));
+}
+
+TEST(ReceiptJsonTest, RoundTripsAPopulatedReceipt) {
+  const Receipt r = populatedReceipt();
+  // Every list and section holds something, so the round trip covers it.
+  EXPECT_FALSE(r.by_model.empty() || r.by_project.empty() || r.by_day.empty() || r.top_sessions.empty() ||
+               r.flags.unknown_models.empty() || r.mac_first.media_loops.loops.empty() ||
+               r.switch_tax->top_switches.empty() || r.auto_compactions->top_events.empty());
+  for (const auto& c : r.waste.categories) EXPECT_FALSE(c.detail_lines.empty()) << c.key;
+  for (const auto& c : r.mac_first.categories) EXPECT_FALSE(c.detail_lines.empty()) << c.key;
+  EXPECT_EQ(r.flags.skipped_lines, 1);
+
+  auto decoded = decodeReceipt(json::parse(encodeReceiptJSON(r)));
+  ASSERT_TRUE(decoded.ok()) << decoded.error().message;
+  EXPECT_EQ(decoded.value(), r);
+}
+
+TEST(ReceiptJsonTest, DecodesOlderReceiptsWithoutTheNewerKeys) {
+  const Receipt r = populatedReceipt();
+  json old = r;
+  old["totals"].erase("sessions_context_over_100k");
+  for (const char* section : {"waste", "mac_first"})
+    for (auto& c : old[section]["categories"]) {
+      c.erase("sessions_distinct");
+      c.erase("session_attribution_note");
+      for (auto& d : c["detail_lines"]) d.erase("session_id");
+    }
+  old["mac_first"]["media_loops"].erase("sessions_distinct");
+  for (const char* key : {"lines_without_request_id", "duplicate_request_id_lines_skipped", "distinct_request_ids"})
+    old["flags"].erase(key);
+  old["typed_share"].erase("sessions_distinct");
+  old["switch_tax"].erase("sessions_distinct");
+  old["auto_compactions"].erase("sessions_distinct");
+  old["auto_compactions"].erase("top_events");
+  old.erase("session_id_convention");
+
+  auto decoded = decodeReceipt(old);
+  ASSERT_TRUE(decoded.ok()) << decoded.error().message;
+  const Receipt& d = decoded.value();
+  EXPECT_EQ(d.totals.sessions_context_over_100k, 0);
+  EXPECT_EQ(d.waste.categories[0].sessions_distinct, 0);
+  EXPECT_FALSE(d.mac_first.categories[0].session_attribution_note.has_value());
+  EXPECT_FALSE(d.waste.categories[0].detail_lines[0].session_id.has_value());
+  EXPECT_EQ(d.mac_first.media_loops.sessions_distinct, 0);
+  EXPECT_EQ(d.flags.lines_without_request_id + d.flags.duplicate_request_id_lines_skipped + d.flags.distinct_request_ids,
+            0);
+  EXPECT_EQ(d.typed_share->sessions_distinct, 0);
+  EXPECT_EQ(d.switch_tax->sessions_distinct, 0);
+  EXPECT_EQ(d.auto_compactions->sessions_distinct, 0);
+  EXPECT_TRUE(d.auto_compactions->top_events.empty());
+  EXPECT_EQ(d.session_id_convention, kSessionIdConvention);
+  EXPECT_EQ(d.totals.turns, r.totals.turns);
+
+  json oldest = old;
+  for (const char* key : {"typed_share", "switch_tax", "auto_compactions"}) oldest.erase(key);
+  decoded = decodeReceipt(oldest);
+  ASSERT_TRUE(decoded.ok()) << decoded.error().message;
+  EXPECT_FALSE(decoded.value().typed_share || decoded.value().switch_tax || decoded.value().auto_compactions);
+
+  // Any other key is required, and must have its type.
+  for (const char* pointer : {"/schema", "/generated_at", "/period/to", "/totals/turns", "/totals/tokens/cache_write",
+                              "/by_model/0/turns", "/waste/overlap_note", "/waste/categories/0/label",
+                              "/waste/diagnostics_raw_usd/dispatch_downshift_units", "/mac_first/media_loops/count",
+                              "/top_sessions/0/context_peak", "/flags/skipped_lines", "/flags/unknown_models",
+                              "/typed_share/floor_usd", "/switch_tax/top_switches", "/auto_compactions/event_count",
+                              "/mac_first/categories/1/detail_lines/0/usd", "/fair_usd"}) {
+    json broken = json(r);
+    const json::json_pointer p(pointer);
+    broken[p.parent_pointer()].erase(p.back());
+    EXPECT_FALSE(decodeReceipt(broken).ok()) << "without " << pointer;
+    json mistyped = json(r);
+    mistyped[p] = json::object({{"x", 1}});
+    EXPECT_FALSE(decodeReceipt(mistyped).ok()) << "mistyped " << pointer;
+  }
+}
+
+}  // namespace
+}  // namespace ostler

@@ -1,5 +1,0 @@
-#include <gtest/gtest.h>
-
-#include "meter/pricing.h"
-
-TEST(SmokeTest, DefaultTableHasFiveRows) { EXPECT_EQ(ostler::PricingTable::defaultTable().rates.size(), 5u); }

@@ -1,0 +1,141 @@
+#include "meter/text.h"
+
+#include <gtest/gtest.h>
+#include <unicode/unistr.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+namespace ostler::text {
+namespace {
+
+const std::string R = "\xEF\xBF\xBD";  // U+FFFD
+
+TEST(TextTest, RepairReplacesEachMaximalSubpartOnce) {
+  struct Case {
+    std::string in, out;
+  };
+  const std::vector<Case> cases = {
+      {"plain", "plain"},
+      {"\xE2\x82\xAC \xF0\x9F\x98\x80", "\xE2\x82\xAC \xF0\x9F\x98\x80"},  // well-formed stays
+      {"\xED\x9F\xBF|\xEE\x80\x80|\xF4\x8F\xBF\xBF", "\xED\x9F\xBF|\xEE\x80\x80|\xF4\x8F\xBF\xBF"},  // edges of the ranges
+      {"a\x80" "b", "a" + R + "b"},                // lone continuation byte
+      {"\x80\xBF", R + R},                         // each stray continuation on its own
+      {"\xC3", R},                                 // truncated at the end
+      {"\xE2\x82" "A", R + "A"},                   // truncated three-byte sequence: one replacement
+      {"\xF0\x9F\x98" "A", R + "A"},               // truncated four-byte sequence: one replacement
+      {"\xF0\x9F" "\xF0\x9F\x98\x80", R + "\xF0\x9F\x98\x80"},
+      {"\xC0\xAF", R + R},                         // overlong two-byte
+      {"\xC1\xBF", R + R},
+      {"\xE0\x80\xAF", R + R + R},                 // overlong three-byte
+      {"\xF0\x80\x80\xAF", R + R + R + R},         // overlong four-byte
+      {"\xED\xA0\x80", R + R + R},                 // a surrogate encoded in UTF-8
+      {"\xED\xBF\xBF", R + R + R},
+      {"\xF4\x90\x80\x80", R + R + R + R},         // past U+10FFFF
+      {"\xF5\xFE\xFF", R + R + R},                 // bytes that never occur
+      {"\xE2\x28\xA1", R + "(" + R},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(c.in));
+    EXPECT_EQ(repairUtf8(c.in), c.out);
+    EXPECT_EQ(isValidUtf8(c.in), c.in == c.out);
+    EXPECT_TRUE(isValidUtf8(repairUtf8(c.in)));
+  }
+}
+
+// ICU's converter follows the same practice of one replacement per maximal
+// subpart, so it serves as an oracle on arbitrary bytes.
+TEST(TextTest, RepairAgreesWithICUOnRandomBytes) {
+  const std::string alphabet =
+      "a\x7F\x80\x8F\x90\x9F\xA0\xBF\xC0\xC1\xC2\xDF\xE0\xE1\xEC\xED\xEE\xEF\xF0\xF1\xF3\xF4\xF5\xFF";
+  std::mt19937 rng(20261101);
+  std::uniform_int_distribution<size_t> pick(0, alphabet.size() - 1), length(0, 12);
+  for (int i = 0; i < 20000; ++i) {
+    std::string bytes;
+    for (size_t n = length(rng); n > 0; --n) bytes.push_back(alphabet[pick(rng)]);
+    std::string viaICU;
+    icu::UnicodeString::fromUTF8(bytes).toUTF8String(viaICU);
+    ASSERT_EQ(repairUtf8(bytes), viaICU) << ::testing::PrintToString(bytes);
+  }
+}
+
+TEST(TextTest, FirstTrimRemovesSpaceSeparatorsAndTabsOnly) {
+  struct Case {
+    std::string in, out;
+  };
+  const std::vector<Case> cases = {
+      {" \t x y \t", "x y"},
+      {"\xC2\xA0x\xE3\x80\x80", "x"},                    // no-break space, ideographic space
+      {"\xE1\x9A\x80\xE2\x80\x80x\xE2\x80\x8A", "x"},    // ogham space mark, en quad, hair space
+      {"\xE2\x80\xAFx\xE2\x81\x9F", "x"},                // narrow no-break space, medium math space
+      {"{}\r", "{}\r"},                                  // a carriage return stays
+      {"\r", "\r"},
+      {"\nx\n", "\nx\n"},
+      {"\x0Bx\x0C", "\x0Bx\x0C"},
+      {"\xE2\x80\x8Bx", "\xE2\x80\x8Bx"},                // zero width space is not Zs
+      {"   \t ", ""},
+      {"x \xC2", "x \xC2"},                              // a torn sequence is not a space
+  };
+  for (const auto& c : cases) EXPECT_EQ(trimSpacesAndTabs(c.in), c.out) << ::testing::PrintToString(c.in);
+}
+
+TEST(TextTest, SecondTrimAlsoRemovesLineBreaks) {
+  struct Case {
+    std::string in, out;
+  };
+  const std::vector<Case> cases = {
+      {"\r\n\t x y \x0B\x0C", "x y"},
+      {"\xC2\x85x\xE2\x80\xA8\xE2\x80\xA9", "x"},  // next line, line and paragraph separators
+      {"\xC2\xA0 x\r", "x"},
+      {"\x1Cx\x1F", "\x1Cx\x1F"},                  // information separators are not whitespace here
+      {"\xE2\x80\x8Bx", "\xE2\x80\x8Bx"},
+      {"\n\r\n ", ""},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(trimWhitespaceAndNewlines(c.in), c.out) << ::testing::PrintToString(c.in);
+}
+
+TEST(TextTest, CountsUserPerceivedCharacters) {
+  struct Case {
+    std::string text;
+    int64_t count;
+  };
+  const std::vector<Case> cases = {
+      {"", 0},
+      {"abc", 3},
+      {"a\r\nb", 3},                                               // CR LF is one cluster
+      {"\r\r\n\n\r", 4},
+      {"e\xCC\x81", 1},                                            // e + combining acute
+      {"e\xCC\x81\r\n", 2},                                        // the same outside the ASCII path
+      {"a\xCC\x81\xCC\xA7\xCC\x8A" "b", 2},                        // several marks on one base
+      {"\xF0\x9F\x91\xA8\xE2\x80\x8D\xF0\x9F\x91\xA9\xE2\x80\x8D\xF0\x9F\x91\xA7", 1},  // family ZWJ sequence
+      {"\xF0\x9F\x91\x8D\xF0\x9F\x8F\xBD", 1},                     // thumbs up with a skin tone
+      {"\xF0\x9F\x87\xAB\xF0\x9F\x87\xB7\xF0\x9F\x87\xA9\xF0\x9F\x87\xAA", 2},  // two flags
+      {"\xE1\x84\x92\xE1\x85\xA1\xE1\x86\xAB", 1},                  // a Hangul syllable in jamo
+      {"\xE2\x82\xAC\xE2\x82\xAC", 2},
+  };
+  for (const auto& c : cases) EXPECT_EQ(characterCount(c.text), c.count) << ::testing::PrintToString(c.text);
+
+  EXPECT_EQ(characterCount("abcdef", 4), 4);
+  EXPECT_EQ(characterCount("e\xCC\x81" "bcdef", 3), 3);
+  EXPECT_EQ(prefixCharacters("a\r\nbc", 2), "a\r\n");
+  EXPECT_EQ(prefixCharacters("e\xCC\x81xyz", 1), "e\xCC\x81");
+  EXPECT_EQ(prefixCharacters("\xF0\x9F\x91\x8D\xF0\x9F\x8F\xBDz", 1), "\xF0\x9F\x91\x8D\xF0\x9F\x8F\xBD");
+  EXPECT_EQ(prefixCharacters("ab", 5), "ab");
+  EXPECT_EQ(prefixCharacters("ab", 0), "");
+}
+
+TEST(TextTest, LastPathComponentIgnoresTrailingSlashes) {
+  struct Case {
+    std::string path, last;
+  };
+  const std::vector<Case> cases = {
+      {"/home/dev/shop", "shop"}, {"/home/dev/shop/", "shop"}, {"a//b//", "b"}, {"shop", "shop"},
+      {"/", "/"},                 {"///", "/"},                {"", ""},        {"/x", "x"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(lastPathComponent(c.path), c.last) << c.path;
+}
+
+}  // namespace
+}  // namespace ostler::text
