@@ -63,7 +63,7 @@ TEST(LineReaderTest, ReadBoundariesNeverCutALine) {
   auto reader = LineReader::open(path, 7);
   while (reader->nextLine()) {
   }
-  EXPECT_EQ(reader->bytesRead(), contents.size());
+  EXPECT_EQ(reader->nextLineOffset(), contents.size());
 }
 
 TEST(LineReaderTest, AFileThatCannotBeOpenedIsNothing) {
