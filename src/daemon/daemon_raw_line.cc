@@ -7,15 +7,7 @@ using simdjson::dom::array;
 using simdjson::dom::element;
 using simdjson::dom::object;
 
-// Of duplicate keys the first wins: each key is taken once.
-struct SeenKeys {
-  uint32_t bits = 0;
-  bool first(int bit) {
-    if (bits & (1u << bit)) return false;
-    bits |= 1u << bit;
-    return true;
-  }
-};
+using json::SeenKeys;
 
 // Opens an optional object: true with `*present` false on null, false on a
 // wrong type.
@@ -26,69 +18,6 @@ bool openObject(element e, object* o, bool* present) {
     case json::Field::kPresent: *present = true; return true;
   }
   return false;
-}
-
-bool decodeCacheCreation(element e, std::optional<DaemonRawCacheCreation>* out) {
-  object o;
-  bool present = false;
-  if (!openObject(e, &o, &present)) return false;
-  if (!present) return true;
-  DaemonRawCacheCreation r;
-  bool ok = true;
-  SeenKeys seen;
-  for (auto field : o) {
-    if (field.key == "ephemeral_5m_input_tokens") {
-      if (seen.first(0)) r.ephemeral5mInputTokens = json::optInt64(field.value, ok);
-    } else if (field.key == "ephemeral_1h_input_tokens") {
-      if (seen.first(1)) r.ephemeral1hInputTokens = json::optInt64(field.value, ok);
-    }
-    if (!ok) return false;
-  }
-  *out = r;
-  return true;
-}
-
-bool decodeUsage(element e, std::optional<DaemonRawUsage>* out) {
-  object o;
-  bool present = false;
-  if (!openObject(e, &o, &present)) return false;
-  if (!present) return true;
-  DaemonRawUsage r;
-  bool ok = true;
-  SeenKeys seen;
-  for (auto field : o) {
-    std::string_view k = field.key;
-    if (k == "input_tokens") {
-      if (seen.first(0)) r.inputTokens = json::optInt64(field.value, ok);
-    } else if (k == "output_tokens") {
-      if (seen.first(1)) r.outputTokens = json::optInt64(field.value, ok);
-    } else if (k == "cache_read_input_tokens") {
-      if (seen.first(2)) r.cacheReadInputTokens = json::optInt64(field.value, ok);
-    } else if (k == "cache_creation_input_tokens") {
-      if (seen.first(3)) r.cacheCreationInputTokens = json::optInt64(field.value, ok);
-    } else if (k == "cache_creation") {
-      if (seen.first(4) && !decodeCacheCreation(field.value, &r.cacheCreation)) ok = false;
-    }
-    if (!ok) return false;
-  }
-  *out = r;
-  return true;
-}
-
-bool decodeImageSource(element e, std::optional<DaemonRawImageSource>* out) {
-  object o;
-  bool present = false;
-  if (!openObject(e, &o, &present)) return false;
-  if (!present) return true;
-  DaemonRawImageSource r;
-  bool ok = true;
-  SeenKeys seen;
-  for (auto field : o) {
-    if (field.key == "data" && seen.first(0)) r.data = json::optString(field.value, ok);
-    if (!ok) return false;
-  }
-  *out = r;
-  return true;
 }
 
 bool decodeContentBlock(element e, DaemonRawContentBlock* out) {
@@ -103,7 +32,7 @@ bool decodeContentBlock(element e, DaemonRawContentBlock* out) {
     } else if (k == "text") {
       if (seen.first(1)) out->text = json::optString(field.value, ok);
     } else if (k == "source") {
-      if (seen.first(2) && !decodeImageSource(field.value, &out->source)) ok = false;
+      if (seen.first(2) && !decodeRawImageSource(field.value, &out->source)) ok = false;
     }
     if (!ok) return false;
   }
@@ -147,7 +76,7 @@ bool decodeMessage(element e, std::optional<DaemonRawMessage>* out) {
     if (k == "model") {
       if (seen.first(0)) r.model = json::optString(field.value, ok);
     } else if (k == "usage") {
-      if (seen.first(1) && !decodeUsage(field.value, &r.usage)) ok = false;
+      if (seen.first(1) && !decodeRawUsage(field.value, &r.usage)) ok = false;
     } else if (k == "content") {
       if (seen.first(2)) decodeContent(field.value, &r);
     }
@@ -215,19 +144,7 @@ bool DaemonLineDecoder::decode(std::string_view line, bool padded, DaemonRawLine
 }
 
 TurnUsage daemonTurnUsage(const DaemonRawLine& line) {
-  TurnUsage u;
-  if (!line.message || !line.message->usage) return u;
-  const DaemonRawUsage& raw = *line.message->usage;
-  u.input = raw.inputTokens.value_or(0);
-  u.output = raw.outputTokens.value_or(0);
-  u.cacheRead = raw.cacheReadInputTokens.value_or(0);
-  if (raw.cacheCreation) {
-    u.cache5m = raw.cacheCreation->ephemeral5mInputTokens.value_or(0);
-    u.cache1h = raw.cacheCreation->ephemeral1hInputTokens.value_or(0);
-  } else {
-    u.cache5m = raw.cacheCreationInputTokens.value_or(0);
-  }
-  return u;
+  return line.message ? turnUsageOf(line.message->usage) : TurnUsage{};
 }
 
 std::string_view daemonModel(const DaemonRawLine& line) {

@@ -22,25 +22,14 @@
 
 #include "meter/json_line.h"
 #include "meter/pricing.h"
+#include "meter/transcript_line.h"
 
 namespace ostler {
 
-struct DaemonRawCacheCreation {
-  std::optional<int64_t> ephemeral5mInputTokens;  // ephemeral_5m_input_tokens
-  std::optional<int64_t> ephemeral1hInputTokens;  // ephemeral_1h_input_tokens
-};
-
-struct DaemonRawUsage {
-  std::optional<int64_t> inputTokens;               // input_tokens
-  std::optional<int64_t> outputTokens;              // output_tokens
-  std::optional<int64_t> cacheReadInputTokens;      // cache_read_input_tokens
-  std::optional<int64_t> cacheCreationInputTokens;  // cache_creation_input_tokens
-  std::optional<DaemonRawCacheCreation> cacheCreation;  // cache_creation
-};
-
-struct DaemonRawImageSource {
-  std::optional<std::string_view> data;  // the image's Base64 text
-};
+// Usage and image sources read exactly as the meter reads them.
+using DaemonRawCacheCreation = RawCacheCreation;
+using DaemonRawUsage = RawUsage;
+using DaemonRawImageSource = RawImageSource;
 
 struct DaemonRawContentBlock {
   std::optional<std::string_view> type;

@@ -48,6 +48,17 @@ bool rewriteForParser(std::string_view line, std::string* out);
 
 namespace json {
 
+// Of duplicate keys the first wins: each key of a record is taken once, and
+// later copies are ignored. Bit `n` stands for the record's key number `n`.
+struct SeenKeys {
+  uint32_t bits = 0;
+  bool first(int bit) {
+    if (bits & (1u << bit)) return false;
+    bits |= 1u << bit;
+    return true;
+  }
+};
+
 enum class Field { kAbsent, kPresent, kWrongType };
 
 // A JSON string: absent on null, wrong type on anything but a string.

@@ -52,8 +52,8 @@ LineReader::LineReader(int fd, size_t chunkSize, uint64_t startOffset)
 
 LineReader::LineReader(LineReader&& o) noexcept
     : fd_(o.fd_), chunkSize_(o.chunkSize_), buffer_(std::move(o.buffer_)), capacity_(o.capacity_),
-      begin_(o.begin_), end_(o.end_), scanned_(o.scanned_), atEOF_(o.atEOF_), startOffset_(o.startOffset_),
-      bytesRead_(o.bytesRead_) {
+      begin_(o.begin_), end_(o.end_), scanned_(o.scanned_), atEOF_(o.atEOF_), wholeLinesOnly_(o.wholeLinesOnly_),
+      maxBufferedBytes_(o.maxBufferedBytes_), startOffset_(o.startOffset_), bytesRead_(o.bytesRead_) {
   o.fd_ = -1;
   o.capacity_ = o.begin_ = o.end_ = o.scanned_ = 0;
 }
@@ -69,6 +69,8 @@ LineReader& LineReader::operator=(LineReader&& o) noexcept {
     end_ = o.end_;
     scanned_ = o.scanned_;
     atEOF_ = o.atEOF_;
+    wholeLinesOnly_ = o.wholeLinesOnly_;
+    maxBufferedBytes_ = o.maxBufferedBytes_;
     startOffset_ = o.startOffset_;
     bytesRead_ = o.bytesRead_;
     o.fd_ = -1;
@@ -141,12 +143,13 @@ std::optional<std::string_view> LineReader::nextLine() {
       scanned_ = end_ - begin_;
     }
     if (atEOF_ || fd_ < 0) {
-      if (begin_ == end_) return std::nullopt;
+      if (begin_ == end_ || wholeLinesOnly_) return std::nullopt;
       std::string_view line(base + begin_, end_ - begin_);
       begin_ = end_;
       scanned_ = 0;
       return line;
     }
+    if (end_ - begin_ > maxBufferedBytes_) return std::nullopt;
     fill();
   }
 }

@@ -3,6 +3,11 @@
 // no line feed is still a line; lines have no length limit (the buffer grows
 // to hold the longest). Lines are returned as raw bytes: invalid UTF-8 is
 // repaired by the JSON reader, so clean lines are never copied.
+//
+// A reader that follows a growing file takes whole lines only: a last line
+// without its line feed may still be being written, so it is left for a
+// later reader, and the buffer may be bounded so that a runaway line stops
+// the read instead of the memory.
 #pragma once
 
 #include <cstddef>
@@ -27,6 +32,13 @@ class LineReader {
                                                       size_t chunkSize = kDefaultChunkSize);
   [[nodiscard]] static std::optional<LineReader> openAt(const std::string& path, uint64_t offset,
                                                         size_t chunkSize = kDefaultChunkSize);
+
+  // Only lines ended by a line feed are returned; reading stops, leaving
+  // the rest, once more than `maxBufferedBytes` are held without one.
+  void takeWholeLinesOnly(size_t maxBufferedBytes) {
+    wholeLinesOnly_ = true;
+    maxBufferedBytes_ = maxBufferedBytes;
+  }
 
   LineReader(LineReader&& other) noexcept;
   LineReader& operator=(LineReader&& other) noexcept;
@@ -57,6 +69,8 @@ class LineReader {
   size_t end_ = 0;    // one past the last byte read
   size_t scanned_ = 0;  // bytes from begin_ known to hold no line feed
   bool atEOF_ = false;
+  bool wholeLinesOnly_ = false;
+  size_t maxBufferedBytes_ = SIZE_MAX;
   uint64_t startOffset_ = 0;  // where reading began
   uint64_t bytesRead_ = 0;    // bytes read since
 };

@@ -18,20 +18,7 @@ std::optional<std::string> trimmedOrNothing(std::string_view s) {
 }  // namespace
 
 TurnUsage turnUsage(const std::optional<RawMessage>& message) {
-  TurnUsage u;
-  if (!message || !message->usage) return u;
-  const RawUsage& raw = *message->usage;
-  u.input = raw.inputTokens.value_or(0);
-  u.output = raw.outputTokens.value_or(0);
-  u.cacheRead = raw.cacheReadInputTokens.value_or(0);
-  if (raw.cacheCreation) {
-    // The split, when present, wins over the flat figure, even when empty.
-    u.cache5m = raw.cacheCreation->ephemeral5mInputTokens.value_or(0);
-    u.cache1h = raw.cacheCreation->ephemeral1hInputTokens.value_or(0);
-  } else {
-    u.cache5m = raw.cacheCreationInputTokens.value_or(0);
-  }
-  return u;
+  return message ? turnUsageOf(message->usage) : TurnUsage{};
 }
 
 std::optional<std::string> extractTypedShareText(const RawTranscriptLine& line) {

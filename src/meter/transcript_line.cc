@@ -14,16 +14,7 @@ std::vector<RawContentBlock>& spareBlocks() {
   return spare;
 }
 
-// Of duplicate keys the first wins: each key is taken once, later copies
-// are ignored.
-struct SeenKeys {
-  uint32_t bits = 0;
-  bool first(int bit) {
-    if (bits & (1u << bit)) return false;
-    bits |= 1u << bit;
-    return true;
-  }
-};
+using json::SeenKeys;
 
 bool decodeCacheCreation(element e, std::optional<RawCacheCreation>* out) {
   object o;
@@ -47,7 +38,9 @@ bool decodeCacheCreation(element e, std::optional<RawCacheCreation>* out) {
   return true;
 }
 
-bool decodeUsage(element e, std::optional<RawUsage>* out) {
+}  // namespace
+
+bool decodeRawUsage(element e, std::optional<RawUsage>* out) {
   object o;
   switch (json::getObject(e, &o)) {
     case json::Field::kAbsent: return true;
@@ -75,6 +68,8 @@ bool decodeUsage(element e, std::optional<RawUsage>* out) {
   *out = r;
   return true;
 }
+
+namespace {
 
 bool decodeToolInput(element e, std::optional<RawToolInput>* out) {
   object o;
@@ -139,7 +134,9 @@ void decodeToolResultContent(element e, std::optional<RawToolResultContent>* out
   *out = std::move(r);
 }
 
-bool decodeImageSource(element e, std::optional<RawImageSource>* out) {
+}  // namespace
+
+bool decodeRawImageSource(element e, std::optional<RawImageSource>* out) {
   object o;
   switch (json::getObject(e, &o)) {
     case json::Field::kAbsent: return true;
@@ -155,6 +152,8 @@ bool decodeImageSource(element e, std::optional<RawImageSource>* out) {
   *out = r;
   return true;
 }
+
+namespace {
 
 bool decodeContentBlock(element e, RawContentBlock* out) {
   object o;
@@ -178,7 +177,7 @@ bool decodeContentBlock(element e, RawContentBlock* out) {
     } else if (k == "content") {
       if (seen.first(6)) decodeToolResultContent(field.value, &out->content);
     } else if (k == "source") {
-      if (seen.first(7) && !decodeImageSource(field.value, &out->source)) ok = false;
+      if (seen.first(7) && !decodeRawImageSource(field.value, &out->source)) ok = false;
     }
     if (!ok) return false;
   }
@@ -200,7 +199,7 @@ bool decodeMessage(element e, std::optional<RawMessage>* out) {
     if (k == "model") {
       if (seen.first(0)) r.model = json::optString(field.value, ok);
     } else if (k == "usage") {
-      if (seen.first(1) && !decodeUsage(field.value, &r.usage)) ok = false;
+      if (seen.first(1) && !decodeRawUsage(field.value, &r.usage)) ok = false;
     } else if (k == "content") {
       if (seen.first(2)) decodeMessageContent(field.value, &r.content, &r.contentText);
     } else if (k == "id") {
@@ -317,6 +316,21 @@ bool decodeRawTranscriptLine(object root, RawTranscriptLine* out) {
     if (!ok) return false;
   }
   return true;
+}
+
+TurnUsage turnUsageOf(const std::optional<RawUsage>& usage) {
+  TurnUsage u;
+  if (!usage) return u;
+  u.input = usage->inputTokens.value_or(0);
+  u.output = usage->outputTokens.value_or(0);
+  u.cacheRead = usage->cacheReadInputTokens.value_or(0);
+  if (usage->cacheCreation) {
+    u.cache5m = usage->cacheCreation->ephemeral5mInputTokens.value_or(0);
+    u.cache1h = usage->cacheCreation->ephemeral1hInputTokens.value_or(0);
+  } else {
+    u.cache5m = usage->cacheCreationInputTokens.value_or(0);
+  }
+  return u;
 }
 
 bool TranscriptLineDecoder::decode(std::string_view line, bool padded, RawTranscriptLine* out) {

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "meter/json_line.h"
+#include "meter/pricing.h"
 
 namespace ostler {
 
@@ -96,6 +97,16 @@ struct RawTranscriptLine {
 // fails to decode; `out` is then unspecified. Storage left in `out` by an
 // earlier line is reused.
 [[nodiscard]] bool decodeRawTranscriptLine(simdjson::dom::object root, RawTranscriptLine* out);
+
+// The strict readings shared with the live engine: a null value leaves the
+// record absent, a wrong type anywhere fails (returns false).
+[[nodiscard]] bool decodeRawUsage(simdjson::dom::element value, std::optional<RawUsage>* out);
+[[nodiscard]] bool decodeRawImageSource(simdjson::dom::element value, std::optional<RawImageSource>* out);
+
+// Token figures of a usage record; zeros without one. A cache write with no
+// split is a five-minute write, and the flat figure is ignored whenever the
+// split is there, even empty.
+[[nodiscard]] TurnUsage turnUsageOf(const std::optional<RawUsage>& usage);
 
 // Reads `content` leniently: fills `content` or `contentText`, or neither.
 void decodeMessageContent(simdjson::dom::element value, std::optional<std::vector<RawContentBlock>>* content,
