@@ -142,6 +142,8 @@ void LiveEngine::gcDeadEntries(const std::vector<DaemonFile>& currentFiles) {
   prune(fileMediaState_, paths);
   prune(sessionState_, sessionIds);
   prune(subagentLastModel_, subagentPaths);
+  // The memo is not saved, so dropping its rows leaves nothing to save.
+  std::erase_if(sessionsAllMemo_, [&](const auto& entry) { return !sessionIds.contains(entry.first); });
 }
 
 void LiveEngine::pruneBurns(InstantMs now) {

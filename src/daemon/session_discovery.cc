@@ -1,5 +1,7 @@
 #include "daemon/session_discovery.h"
 
+#include <chrono>
+
 #include <algorithm>
 #include <filesystem>
 #include <optional>
@@ -65,6 +67,30 @@ std::vector<DaemonFile> discoverFiles(const std::string& root) {
     }
   }
   return files;
+}
+
+std::vector<std::string> activeDispatchFiles(const std::string& projectDirPath, const std::string& sessionId,
+                                             InstantMs now, double withinSeconds) {
+  // Built as discovery builds it, so the paths match the engine's keys.
+  std::string subagents = joinPath(joinPath(projectDirPath, sessionId), "subagents");
+  std::vector<std::string> active;
+  if (!isDirectory(subagents)) return active;
+  const double nowSeconds = static_cast<double>(now) / 1000.0;
+  for (auto& path : findJSONLFilesRecursively(subagents)) {
+    std::error_code ec;
+    fs::file_time_type written = fs::last_write_time(path, ec);
+    if (ec) continue;
+    const double modified =
+        std::chrono::duration<double>(std::chrono::file_clock::to_sys(written).time_since_epoch()).count();
+    const double age = nowSeconds - modified;
+    if (age <= withinSeconds && age >= -1.0) active.push_back(std::move(path));
+  }
+  return active;
+}
+
+int64_t activeDispatchCount(const std::string& projectDirPath, const std::string& sessionId, InstantMs now,
+                            double withinSeconds) {
+  return static_cast<int64_t>(activeDispatchFiles(projectDirPath, sessionId, now, withinSeconds).size());
 }
 
 }  // namespace ostler::SessionDiscovery
