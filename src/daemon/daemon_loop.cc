@@ -115,10 +115,14 @@ TickOutcome runForeverTick(LiveEngine& engine, FeedWriter& writer, const DaemonO
 
   // The rate is capped by the tick instants of the feeds written, so that a
   // tick as long as the cap still publishes every time.
+  state->touchedSinceLastFeed.insert(touched.begin(), touched.end());
   const bool feedDue = !state->lastFeedAt || secondsBetween(*state->lastFeedAt, now) >= writer.minInterval();
-  if (bundle && feedDue)
-    writeFeed(writer, *state,
-              assembleFeed(engine, *bundle, now, options.closeoutStorePath, equality, touched, services), now);
+  if (bundle && feedDue) {
+    Feed feed = assembleFeed(engine, *bundle, now, options.closeoutStorePath, equality,
+                             state->touchedSinceLastFeed, services);
+    state->touchedSinceLastFeed.clear();
+    writeFeed(writer, *state, feed, now);
+  }
 
   if (engine.isDirty() && secondsBetween(lastPersistAt, now) >= kPersistIntervalSeconds) {
     (void)persistAndRecord(engine, options);

@@ -5,6 +5,8 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
+#include <string>
 
 #include "daemon/feed.h"
 #include "daemon/odometer.h"
@@ -37,8 +39,11 @@ class TickState {
   // sees the old walls or the new ones, never a mix.
   std::optional<WindowScan::Walls> pendingWalls;
 
-  // Tick thread only: the tick instant of the last feed written.
+  // Tick thread only: the tick instant of the last feed written, and the
+  // chats touched since the last feed was assembled (a tick that writes no
+  // feed assembles none).
   std::optional<InstantMs> lastFeedAt;
+  std::set<std::string> touchedSinceLastFeed;
 };
 
 }  // namespace ostler::Daemon

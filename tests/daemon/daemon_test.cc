@@ -292,7 +292,15 @@ TEST(DaemonTickTest, WritesTheFeedOncePerSecondAndSleepsTheRestOfTheInterval) {
   f = t.readFeed();
   EXPECT_EQ(f.today.spent_usd, 3.0);
   EXPECT_EQ(f.sessions_all.at(0).last_activity, ISO8601::fractional(kNow + 4'500));
-  // Touched, but the last recompute finished only 5 seconds ago.
+  // A touch on a tick that writes no feed still rebuilds the chat's row in
+  // the next feed written.
+  testing::appendFile(t.transcript(), jsonl({dollarTurn(kNow + 5'100, "r4")}));
+  (void)t.tick(5.5);
+  (void)t.tick(6);
+  f = t.readFeed();
+  EXPECT_EQ(f.generated_at, ISO8601::fractional(kNow + 6'000));
+  EXPECT_EQ(f.sessions_all.at(0).last_activity, ISO8601::fractional(kNow + 5'100));
+  // Touched, but the last recompute finished only seconds ago.
   EXPECT_EQ(t.queue.pending(), 0u);
   (void)t.tick(45);
   EXPECT_EQ(t.queue.pending(), 0u);  // no touch since
