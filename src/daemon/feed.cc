@@ -36,6 +36,8 @@ T orThrow(Result<T> r) {
   return std::move(r).value();
 }
 
+nlohmann::json toJsonWithoutInventory(const Feed& v);
+
 FeedOdometer decodeOdometer(const nlohmann::json& j) {
   object(j, "odometer");
   return {requireDouble(j, "spent_usd"), requireDouble(j, "stamp_usd"), requireDouble(j, "mac_first_usd"),
@@ -220,6 +222,14 @@ nlohmann::json toJson(const FeedLedger& v) {
 }
 
 nlohmann::json toJson(const Feed& v) {
+  nlohmann::json j = toJsonWithoutInventory(v);
+  j["sessions_all"] = array(v.sessions_all);
+  return j;
+}
+
+namespace {
+
+nlohmann::json toJsonWithoutInventory(const Feed& v) {
   nlohmann::json j = {{"schema", v.schema},
                       {"generated_at", v.generated_at},
                       {"odometer", toJson(v.odometer)},
@@ -227,7 +237,7 @@ nlohmann::json toJson(const Feed& v) {
                       {"quota", toJson(v.quota)},
                       {"sessions", array(v.sessions)},
                       {"zero_context_sessions", v.zero_context_sessions},
-                      {"sessions_all", array(v.sessions_all)},
+                      {"sessions_all", nlohmann::json::array()},
                       {"media_loops_active", array(v.media_loops_active)},
                       {"windows", toJson(v.windows)},
                       {"now", toJson(v.now)},
@@ -239,10 +249,50 @@ nlohmann::json toJson(const Feed& v) {
   return j;
 }
 
+// Text from transcripts was repaired to valid UTF-8 when read; replacing
+// guards the odd path name that is not, rather than losing the feed.
+std::string pretty(const nlohmann::json& j) {
+  return j.dump(2, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+// The empty inventory as a pretty-printed feed shows it. JSON strings hold
+// no raw line feed, so this text occurs nowhere else in a feed.
+constexpr std::string_view kEmptyInventory = "\n  \"sessions_all\": []";
+
+}  // namespace
+
 std::string encodeFeedJSON(const Feed& feed) {
-  // Text from transcripts was repaired to valid UTF-8 when read; replacing
-  // guards the odd path name that is not, rather than losing the feed.
-  std::string out = toJson(feed).dump(2, ' ', false, nlohmann::json::error_handler_t::replace);
+  std::string out = pretty(toJson(feed));
+  out += '\n';
+  return out;
+}
+
+std::string FeedEncoder::encode(const Feed& feed) {
+  std::string out = pretty(toJsonWithoutInventory(feed));
+  const uint64_t encoding = ++encodings_;
+  std::string inventory = "\n  \"sessions_all\": [";
+  for (size_t i = 0; i < feed.sessions_all.size(); ++i) {
+    const FeedSession& row = feed.sessions_all[i];
+    EncodedRow& known = rows_[row.sessionId];
+    if (known.text.empty() || !(known.row == row)) {
+      // A row sits two levels deep: four more spaces on every line.
+      known.text = "    ";
+      for (char c : pretty(toJson(row))) {
+        known.text += c;
+        if (c == '\n') known.text += "    ";
+      }
+      known.row = row;
+    }
+    known.usedIn = encoding;
+    inventory += i == 0 ? "\n" : ",\n";
+    inventory += known.text;
+  }
+  inventory += feed.sessions_all.empty() ? "]" : "\n  ]";
+  // Rows of chats that left the inventory are dropped.
+  if (rows_.size() > feed.sessions_all.size())
+    std::erase_if(rows_, [encoding](const auto& entry) { return entry.second.usedIn != encoding; });
+  const size_t at = out.find(kEmptyInventory);
+  if (at != std::string::npos) out.replace(at, kEmptyInventory.size(), inventory);
   out += '\n';
   return out;
 }

@@ -16,6 +16,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "daemon/agents_by_model_aggregate.h"
@@ -181,6 +182,25 @@ struct Feed {
 
 // Pretty-printed (two spaces) with sorted keys and a final line feed.
 [[nodiscard]] std::string encodeFeedJSON(const Feed& feed);
+
+// Encodes feeds one after another exactly as encodeFeedJSON does, keeping
+// the text of each `sessions_all` row so that a row equal to the one
+// encoded before is not encoded again. The inventory of every chat ever
+// seen is the bulk of a feed and, from one second to the next, almost all
+// of it is unchanged. Not thread-safe.
+class FeedEncoder {
+ public:
+  [[nodiscard]] std::string encode(const Feed& feed);
+
+ private:
+  struct EncodedRow {
+    FeedSession row;
+    std::string text;     // indented for its place in the array
+    uint64_t usedIn = 0;  // the last encoding that used it
+  };
+  std::unordered_map<std::string, EncodedRow> rows_;  // by session id
+  uint64_t encodings_ = 0;
+};
 
 // A feed from its JSON, leniently for older writers:
 // - `schema` is not read; the result carries the constant.

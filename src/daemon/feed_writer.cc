@@ -13,7 +13,7 @@ FeedWriter::FeedWriter(std::string path, double minIntervalSeconds, const Clock&
     : path_(std::move(path)), minInterval_(minIntervalSeconds), clock_(clock) {}
 
 Result<int64_t> FeedWriter::writeNow(const Feed& feed) {
-  Result<int64_t> written = AtomicFile::write(path_, encodeFeedJSON(feed));
+  Result<int64_t> written = AtomicFile::write(path_, encoder_.encode(feed));
   if (!written.ok()) return written;
   // The temporary file is created 0600 already; setting the mode again after
   // the rename settles it whatever the system did on the way.

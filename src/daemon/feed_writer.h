@@ -39,6 +39,7 @@ class FeedWriter {
   double minInterval_;
   const Clock& clock_;
   std::optional<InstantMs> lastWriteAt_;
+  FeedEncoder encoder_;
 };
 
 }  // namespace ostler

@@ -144,6 +144,23 @@ TEST(FeedTest, EverythingElseDecodesStrictly) {
   EXPECT_FALSE(decodeFeedJSON("{\"generated_at\": ").ok());
 }
 
+TEST(FeedEncoderTest, ReusedRowsGiveTheSameBytesAsAFreshEncoding) {
+  FeedEncoder encoder;
+  Feed f = fullFeed();
+  EXPECT_EQ(encoder.encode(f), encodeFeedJSON(f));
+  // A changed row, a new one, a vanished one, and a new order.
+  f.sessions_all[1].temperature = "cold";
+  f.sessions_all[1].project = "with \"quotes\" and\nbreaks";
+  f.sessions_all.push_back(row("d"));
+  f.sessions_all.erase(f.sessions_all.begin());
+  std::swap(f.sessions_all[0], f.sessions_all[1]);
+  EXPECT_EQ(encoder.encode(f), encodeFeedJSON(f));
+  f.sessions_all.clear();
+  EXPECT_EQ(encoder.encode(f), encodeFeedJSON(f));
+  f.sessions_all = {row("b")};
+  EXPECT_EQ(encoder.encode(f), encodeFeedJSON(f));
+}
+
 TEST(FeedWriterTest, DebouncesBelowTheMinimumIntervalAndWritesAtIt) {
   TempDir dir;
   FakeClock clock(at("2026-03-10T12:00:00Z"));
