@@ -41,6 +41,8 @@ class LiveEngine {
   static constexpr InstantMs kBurnRetentionMs = 2'764'800'000;
   // A silence this long (five hours) starts a new session window.
   static constexpr double kSessionGapSeconds = 18'000.0;
+  // No local day is longer (a day that ends summer time).
+  static constexpr InstantMs kLongestDayMs = 25 * 3'600'000;
 
   struct TodayAccumulatorSnapshot {
     double spentUSD = 0;  // rounded to six places
@@ -153,7 +155,7 @@ class LiveEngine {
   // Replaces the walls (from a finished scan) and marks the state dirty.
   void updateWalls(const WindowScan::Walls& walls);
   // The instant the last quota message's reset phrase names, if any.
-  [[nodiscard]] std::optional<InstantMs> resolvedQuotaResetInstant() const;
+  [[nodiscard]] std::optional<InstantMs> resolvedQuotaResetInstant() const { return resolvedQuotaReset_; }
 
   // Today as the feed publishes it. `windowedWasteUSD` and the three
   // mac-first figures come from today's windowed receipt; spend, turns and
@@ -182,7 +184,8 @@ class LiveEngine {
 
   // Running agents and their models, and the token rate of the last five
   // minutes (per minute, truncated toward zero). `mac_ai_sessions` is left
-  // empty.
+  // empty. Agents are looked for in the chats that had subagent files at
+  // the last poll, as are a row's dispatches.
   [[nodiscard]] FeedNow snapshotNow(InstantMs now) const;
 
   // Files whose image run has five images or more, the last less than
@@ -226,8 +229,10 @@ class LiveEngine {
 
  private:
   void rollOverDay(InstantMs now);
-  // Reads and folds one file's new lines; true when it yielded a line.
-  bool readFile(const DaemonFile& file, InstantMs now);
+  // Reads and folds the new lines of `file`, now `size` bytes long; true
+  // when it yielded a line.
+  using OffsetIterator = std::map<std::string, int64_t>::iterator;
+  bool readFile(const DaemonFile& file, int64_t size, InstantMs now, OffsetIterator& hint);
   void pruneBurns(InstantMs now);
   void recordExclusion(ExclusionReason reason, double dollars);
   void foldRequest(const std::optional<std::string>& requestId, double cost, const TurnUsage& usage,
@@ -235,6 +240,11 @@ class LiveEngine {
                    FileMediaState& media);
   void addBurn(InstantMs ts, double cost, int64_t tokens, const std::optional<std::string>& family);
   void noteQuotaEvent(const DaemonRawLine& line);
+  // Works out the reset instant whenever the quota fields change, rather
+  // than parsing the phrase in a named zone at every snapshot.
+  void resolveQuotaReset();
+  [[nodiscard]] std::vector<std::string> activeDispatchFiles(const std::string& sessionId,
+                                                             const SessionLiveState& s, InstantMs now) const;
   [[nodiscard]] FeedWindow gauge(WindowShape shape, std::optional<InstantMs> anchor,
                                  const std::optional<std::string>& note,
                                  const std::optional<CutoffObservation>& wall, InstantMs now) const;
@@ -259,7 +269,9 @@ class LiveEngine {
   std::map<std::string, SessionLiveState> sessionState_;  // by session id
   std::optional<std::string> quotaLastEventAt_;
   std::optional<std::string> quotaResetsNote_;
+  std::optional<InstantMs> resolvedQuotaReset_;  // from the two above
   std::optional<InstantMs> todayBoundary_;
+  std::optional<InstantMs> nextDayStart_;  // not saved: worked out again at the first poll
   double todaySpentUSD_ = 0;
   int64_t todayTurns_ = 0;
   std::map<std::string, int64_t> todayTokensByFamily_;
@@ -267,6 +279,10 @@ class LiveEngine {
 
   // Windows.
   std::optional<WindowScan::Walls> cachedWalls_;
+
+  // Sessions with subagent files at the last poll: only their folders can
+  // hold a running agent, so the snapshots look in no other.
+  std::set<std::string> sessionsWithSubagentFiles_;
 
   // Snapshots; in memory only.
   std::map<std::string, SessionsAllMemoEntry> sessionsAllMemo_;  // by session id

@@ -28,6 +28,12 @@ std::string transcriptPath(const std::string& projectDirPath, const std::string&
 
 }  // namespace
 
+std::vector<std::string> LiveEngine::activeDispatchFiles(const std::string& sessionId, const SessionLiveState& s,
+                                                         InstantMs now) const {
+  if (!sessionsWithSubagentFiles_.contains(sessionId)) return {};
+  return SessionDiscovery::activeDispatchFiles(s.projectDirPath, sessionId, now, kActiveDispatchWithinSeconds);
+}
+
 FeedToday LiveEngine::snapshotToday(double windowedWasteUSD, double windowedMediaReadsUSD,
                                     double windowedRepeatPipelinesUSD, double windowedDownshiftUSD,
                                     const std::optional<WindowedTodayOverride>& publishedSpendOverride) const {
@@ -64,8 +70,7 @@ LiveEngine::BuiltFeedSession LiveEngine::buildFeedSession(const std::string& ses
   FeedSession row;
   row.sessionId = sessionId;
   row.project = projectName(s);
-  row.active_dispatches =
-      SessionDiscovery::activeDispatchCount(s.projectDirPath, sessionId, now, kActiveDispatchWithinSeconds);
+  row.active_dispatches = static_cast<int64_t>(activeDispatchFiles(sessionId, s, now).size());
   Temperature::Result t = Temperature::evaluate(
       {s.lastContextTokens, s.lastModel, last, s.lastCacheWriteWasEphemeral1h}, now, pricing_);
   // Only the top-level transcript is digested; subagent files play no part.
@@ -116,10 +121,14 @@ LiveEngine::SessionsSnapshot LiveEngine::snapshotSessions(InstantMs now, const C
   const auto cadenceMs = static_cast<InstantMs>(kSessionsAllInventoryCadenceSeconds * 1000);
   std::vector<std::pair<InstantMs, const FeedSession*>> all;
   all.reserve(sessionState_.size());
+  // The memo holds rows of known chats only and both maps are ordered by
+  // id, so one walk through the memo finds every row.
+  auto memo = sessionsAllMemo_.begin();
   for (const auto& [sid, s] : sessionState_) {
     const InstantMs last = s.lastActivity.value_or(kEarliestInstant);
-    auto memo = sessionsAllMemo_.find(sid);
-    if (memo == sessionsAllMemo_.end() || touchedSessionIds.contains(sid) || now - memo->second.builtAt >= cadenceMs) {
+    while (memo != sessionsAllMemo_.end() && memo->first < sid) ++memo;
+    if (memo == sessionsAllMemo_.end() || memo->first != sid || touchedSessionIds.contains(sid) ||
+        now - memo->second.builtAt >= cadenceMs) {
       BuiltFeedSession built = buildFeedSession(sid, s, last, now, stores, closeoutStoreBase, idleSeconds);
       memo = sessionsAllMemo_.insert_or_assign(sid, SessionsAllMemoEntry{std::move(built.session), now}).first;
       ++snap.sessionsAllRebuiltCount;
@@ -136,8 +145,7 @@ FeedNow LiveEngine::snapshotNow(InstantMs now) const {
   FeedNow n;
   std::vector<std::string> models;
   for (const auto& [sid, s] : sessionState_) {
-    for (const auto& path :
-         SessionDiscovery::activeDispatchFiles(s.projectDirPath, sid, now, kActiveDispatchWithinSeconds)) {
+    for (const auto& path : activeDispatchFiles(sid, s, now)) {
       ++n.active_agents;
       auto model = subagentLastModel_.find(path);
       // A file with no assistant line yet has no model to name.

@@ -71,7 +71,9 @@ bool TailReader::fill() {
   size_t needed = end_ + chunkSize_ + kPadding;
   if (needed > capacity_) {
     size_t grown = capacity_ == 0 ? needed : std::max(needed, capacity_ * 2);
-    auto bigger = std::make_unique<char[]>(grown);
+    // Not zeroed: a torn last line makes a poll open its file every time,
+    // and clearing a whole chunk for a few bytes was most of an idle tick.
+    auto bigger = std::make_unique_for_overwrite<char[]>(grown);
     if (end_ > 0) std::memcpy(bigger.get(), buffer_.get(), end_);
     buffer_ = std::move(bigger);
     capacity_ = grown;
