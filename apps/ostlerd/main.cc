@@ -15,7 +15,6 @@
 #include "daemon/daemon.h"
 #include "daemon/daemon_options.h"
 #include "daemon/shutdown_signal_source.h"
-#include "platform/memory.h"
 #include "platform/named_thread.h"
 
 namespace {
@@ -40,7 +39,6 @@ void installSignalHandlers() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  ostler::returnFreedMemoryPromptly();
   const ostler::DaemonDefaults::Environment env = ostler::DaemonDefaults::fromProcess();
   std::string root = ostler::DaemonDefaults::transcriptRoot(env);
   std::string feed = ostler::DaemonDefaults::kFeedPath;

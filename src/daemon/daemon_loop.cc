@@ -7,6 +7,7 @@
 #include "daemon/persisted_state.h"
 #include "daemon/session_discovery.h"
 #include "daemon/today_equality_check.h"
+#include "platform/memory.h"
 
 namespace ostler::Daemon {
 namespace {
@@ -50,6 +51,9 @@ int runForever(const DaemonOptions& options, const ShutdownSignalSource& shutdow
     return 0;
   }
 
+  // The pass read the whole tree several times at once; what it freed is
+  // of no use to the ticks.
+  releaseFreedMemory();
   const InstantMs finishedAt = services.clock.nowMs();
   FeedDiagnosticsEquality check =
       TodayEqualityCheck::check(pass->accumulatorSnapshot.spentUSD, pass->accumulatorSnapshot.turns,

@@ -5,6 +5,7 @@
 #include "daemon/daemon.h"
 #include "daemon/local_day.h"
 #include "daemon/today_equality_check.h"
+#include "platform/memory.h"
 
 namespace ostler::Daemon {
 namespace {
@@ -54,14 +55,18 @@ bool startOdometerRecomputeIfDue(const LiveEngine& engine, const DaemonOptions& 
         Odometer::compute(root, pricing, boundary, now, unreconciled, timeZoneId));
     FeedDiagnosticsEquality check = TodayEqualityCheck::check(
         accumulator.spentUSD, accumulator.turns, bundle->todayWindowedReceipt.totals.spent_usd, now, log);
-    std::lock_guard lock(state->stateLock);
-    state->pendingWalls = bundle->windowWalls;
-    state->odometerBundle = std::move(bundle);
-    // Set at the end: the gate measures from the last finished recompute.
-    state->lastOdometerAt = clock.nowMs();
-    state->odometerInFlight = false;
-    updateBackoff(state->outOfBandBackoff, touchedSinceLast, check);
-    state->lastEqualityDiagnostics = std::move(check);
+    {
+      std::lock_guard lock(state->stateLock);
+      state->pendingWalls = bundle->windowWalls;
+      state->odometerBundle = std::move(bundle);
+      // Set at the end: the gate measures from the last finished recompute.
+      state->lastOdometerAt = clock.nowMs();
+      state->odometerInFlight = false;
+      updateBackoff(state->outOfBandBackoff, touchedSinceLast, check);
+      state->lastEqualityDiagnostics = std::move(check);
+    }
+    // The passes read the whole tree; what they freed is of no use to the ticks.
+    releaseFreedMemory();
   });
   return true;
 }
