@@ -30,9 +30,9 @@ using Seconds = std::chrono::duration<double>;
 using testing::TempDir;
 
 // A running ostlerd, killed if a test leaves it running.
-class Daemon {
+class RunningDaemon {
  public:
-  Daemon(const std::vector<std::string>& args, const fs::path& logPath) {
+  RunningDaemon(const std::vector<std::string>& args, const fs::path& logPath) {
     std::vector<char*> argv;
     std::string bin = OSTLER_BIN_DIR "/ostlerd";
     argv.push_back(bin.data());
@@ -47,7 +47,7 @@ class Daemon {
     if (posix_spawn(&pid_, bin.c_str(), &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
     posix_spawn_file_actions_destroy(&actions);
   }
-  ~Daemon() {
+  ~RunningDaemon() {
     if (pid_ > 0) {
       kill(pid_, SIGKILL);
       waitpid(pid_, nullptr, 0);
@@ -142,7 +142,7 @@ TEST(OstlerdTest, FollowsAGrowingTreeStopsCleanlyAndRestartsFromItsState) {
   Feed before;
   Feed after;
   {
-    Daemon daemon(args, dir.path() / "first.log");
+    RunningDaemon daemon(args, dir.path() / "first.log");
     ASSERT_TRUE(daemon.started());
     auto first = waitForFeed(feedPath, Seconds(60), [](const Feed&) { return true; });
     ASSERT_TRUE(first) << testing::readFile(dir.path() / "first.log");
@@ -186,7 +186,7 @@ TEST(OstlerdTest, FollowsAGrowingTreeStopsCleanlyAndRestartsFromItsState) {
 
   fs::remove(feedPath);
   {
-    Daemon daemon(args, dir.path() / "second.log");
+    RunningDaemon daemon(args, dir.path() / "second.log");
     ASSERT_TRUE(daemon.started());
     auto restarted = waitForFeed(feedPath, Seconds(60), [](const Feed&) { return true; });
     ASSERT_TRUE(restarted) << testing::readFile(dir.path() / "second.log");
