@@ -3,6 +3,7 @@
 // saves its state and exits 0.
 //
 //   ostlerd [--root DIR] [--feed PATH] [--interval SECONDS] [--state FILE]
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -48,9 +49,7 @@ int main(int argc, char** argv) {
   CLI::App app{"ostlerd: follows your Claude Code transcripts and publishes the feed"};
   app.add_option("--root", root, "transcript root (default $LADDER_ROOT or ~/.claude/projects)")->type_name("DIR");
   app.add_option("--feed", feed, "feed file (default /tmp/ostler-feed.json)")->type_name("PATH");
-  app.add_option("--interval", interval, "seconds between polls (default 1)")
-      ->type_name("SECONDS")
-      ->check(CLI::PositiveNumber);
+  app.add_option("--interval", interval, "seconds between polls (default 1)")->type_name("SECONDS");
   app.add_option("--state", state, "saved engine state (default one file per root under /tmp/ladder-daemon-scratch)")
       ->type_name("FILE");
   try {
@@ -59,6 +58,10 @@ int main(int argc, char** argv) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
     std::cerr << "ostlerd: " << e.what() << "\n";
+    return kUsageError;
+  }
+  if (!(interval > 0) || !std::isfinite(interval)) {
+    std::cerr << "ostlerd: --interval must be a number of seconds above 0\n";
     return kUsageError;
   }
 
