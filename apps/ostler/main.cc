@@ -3,9 +3,11 @@
 //   ostler receipt [--root DIR] [--since DATE] [--until DATE]
 //                  [--since-instant ISO] [--until-instant ISO]
 //                  [--json] [--loops FILE]
+//   ostler feed [--feed PATH]
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -26,6 +28,10 @@
 namespace {
 
 constexpr int kUsageError = 2;
+// Where the engine publishes its feed, and how old a feed may be while an
+// engine still writes it (it writes once a second).
+constexpr const char* kDefaultFeedPath = "/tmp/ostler-feed.json";
+constexpr double kFeedFreshSeconds = 3.0;
 
 std::string defaultRoot() {
   const char* home = std::getenv("HOME");
@@ -109,6 +115,30 @@ int runReceipt(const ReceiptFlags& flags, const CLI::App& command) {
   return 0;
 }
 
+// Prints the feed an engine is writing, as it stands.
+int runFeed(const std::string& path) {
+  namespace fs = std::filesystem;
+  std::error_code ec;
+  const fs::file_time_type written = fs::last_write_time(path, ec);
+  if (ec) {
+    std::cerr << "ostler: no engine is writing a feed (nothing at " << path << ")\n";
+    return 1;
+  }
+  const double age = std::chrono::duration<double>(fs::file_time_type::clock::now() - written).count();
+  if (age >= kFeedFreshSeconds) {
+    std::cerr << fmt::format("ostler: no engine is writing a feed ({} was last written {:.0f} s ago)\n", path, age);
+    return 1;
+  }
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    std::cerr << "ostler: cannot read " << path << "\n";
+    return 1;
+  }
+  std::cout << in.rdbuf();
+  std::cout.flush();
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -125,6 +155,9 @@ int main(int argc, char** argv) {
   receipt->add_option("--until-instant", flags.untilInstant, "upper bound, exclusive")->type_name("ISO8601");
   receipt->add_flag("--json", flags.json, "print the receipt as JSON");
   receipt->add_option("--loops", flags.loops, "write the media loop detail as JSON")->type_name("FILE");
+  std::string feedPath = kDefaultFeedPath;
+  CLI::App* feed = app.add_subcommand("feed", "print the feed the engine is writing");
+  feed->add_option("--feed", feedPath, "feed file (default /tmp/ostler-feed.json)")->type_name("PATH");
 
   try {
     app.parse(argc, argv);
@@ -133,10 +166,11 @@ int main(int argc, char** argv) {
   } catch (const CLI::CallForAllHelp& e) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
-    const CLI::App& shown = receipt->parsed() ? *receipt : app;
+    const CLI::App& shown = receipt->parsed() ? *receipt : feed->parsed() ? *feed : app;
     std::cerr << "ostler: " << e.what() << "\n" << shown.help();
     return kUsageError;
   }
   if (receipt->parsed()) return runReceipt(flags, *receipt);
+  if (feed->parsed()) return runFeed(feedPath);
   return kUsageError;
 }

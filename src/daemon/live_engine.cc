@@ -3,9 +3,11 @@
 // live_engine_accounting.cc, the window gauges in live_engine_windows.cc.
 #include "daemon/live_engine.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
-#include <filesystem>
-#include <system_error>
 
 #include "daemon/collapse_whitespace.h"
 #include "daemon/local_day.h"
@@ -16,6 +18,46 @@
 namespace ostler {
 
 namespace {
+
+// One attribute read per file and poll is the steady cost of following a
+// tree. Files come folder by folder, so each is looked up from its open
+// folder rather than walked to from the root again.
+class FolderAttributes {
+ public:
+  FolderAttributes() = default;
+  FolderAttributes(const FolderAttributes&) = delete;
+  FolderAttributes& operator=(const FolderAttributes&) = delete;
+  ~FolderAttributes() { closeFolder(); }
+
+  // The size of the regular file at `path`; nothing when it cannot be read.
+  std::optional<int64_t> sizeOf(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    struct stat st;
+    int rc;
+    if (slash == std::string::npos || slash == 0) {
+      rc = ::stat(path.c_str(), &st);
+    } else {
+      std::string_view folder(path.data(), slash);
+      if (folder != folder_) {
+        closeFolder();
+        folder_.assign(folder);
+        fd_ = ::open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+      }
+      rc = fd_ >= 0 ? ::fstatat(fd_, path.c_str() + slash + 1, &st, 0) : ::stat(path.c_str(), &st);
+    }
+    if (rc != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
+    return static_cast<int64_t>(st.st_size);
+  }
+
+ private:
+  void closeFolder() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+  }
+
+  std::string folder_;
+  int fd_ = -1;
+};
 
 // A chat is named by the first words typed into it: the first 4,000
 // characters on one line, cut to 80.
@@ -38,16 +80,27 @@ std::set<std::string> LiveEngine::poll(const std::string& root, InstantMs now,
     hasDoneInitialScan_ = true;
     gcDeadEntries(files);
   }
+  sessionsWithSubagentFiles_.clear();
+  for (const DaemonFile& file : files)
+    if (file.isSubagent) sessionsWithSubagentFiles_.insert(file.sessionId);
+  FolderAttributes attributes;
+  auto offsetHint = fileOffsets_.end();
   for (const DaemonFile& file : files) {
     if (shutdownSignal != nullptr && shutdownSignal->isRequested()) break;
-    if (readFile(file, now)) touched.insert(file.sessionId);
+    std::optional<int64_t> size = attributes.sizeOf(file.path);
+    if (size && readFile(file, *size, now, offsetHint)) touched.insert(file.sessionId);
   }
   pruneBurns(now);
   return touched;
 }
 
 void LiveEngine::rollOverDay(InstantMs now) {
+  // Within the known day there is nothing to work out: calendars in named
+  // zones are dear to build once a second.
+  if (todayBoundary_ && nextDayStart_ && now >= *todayBoundary_ && now < *nextDayStart_) return;
   InstantMs start = LocalDay::localMidnightInstant(now, timeZoneId_);
+  // A local day lasts 23 to 25 hours: 25 hours on lies in the next one.
+  nextDayStart_ = LocalDay::localMidnightInstant(start + kLongestDayMs, timeZoneId_);
   if (todayBoundary_ == start) return;
   todayBoundary_ = start;
   todaySpentUSD_ = 0;
@@ -56,18 +109,21 @@ void LiveEngine::rollOverDay(InstantMs now) {
   isDirty_ = true;
 }
 
-bool LiveEngine::readFile(const DaemonFile& file, InstantMs now) {
-  std::error_code ec;
-  uintmax_t rawSize = std::filesystem::file_size(file.path, ec);
-  if (ec || rawSize > uintmax_t(INT64_MAX)) return false;
-  const auto size = static_cast<int64_t>(rawSize);
-  auto stored = fileOffsets_.find(file.path);
+bool LiveEngine::readFile(const DaemonFile& file, int64_t size, InstantMs now, OffsetIterator& hint) {
+  // Discovery lists files mostly in the order of the map, so the entry after
+  // the last one found is tried before a search.
+  auto stored = hint != fileOffsets_.end() ? std::next(hint) : fileOffsets_.begin();
+  if (stored == fileOffsets_.end() || stored->first != file.path) stored = fileOffsets_.find(file.path);
+  if (stored != fileOffsets_.end()) hint = stored;
   int64_t storedOffset = stored != fileOffsets_.end() ? stored->second : 0;
   // A file that shrank was replaced or rewritten: read it again from its
   // first byte; the request dedupe keeps its old requests from counting twice.
   int64_t start = size < storedOffset ? 0 : storedOffset;
   if (start >= size) return false;
-  auto reader = TailReader::open(file.path, start);
+  // A small rest (often a torn last line read again) needs no whole chunk;
+  // the reader still reads on to the end if the file grew meanwhile.
+  const auto chunk = static_cast<size_t>(std::clamp<int64_t>(size - start, 64 * 1024, TailReader::kDefaultChunkSize));
+  auto reader = TailReader::open(file.path, start, chunk);
   if (!reader) return false;
 
   bool yielded = false;
@@ -142,6 +198,8 @@ void LiveEngine::gcDeadEntries(const std::vector<DaemonFile>& currentFiles) {
   prune(fileMediaState_, paths);
   prune(sessionState_, sessionIds);
   prune(subagentLastModel_, subagentPaths);
+  // The memo is not saved, so dropping its rows leaves nothing to save.
+  std::erase_if(sessionsAllMemo_, [&](const auto& entry) { return !sessionIds.contains(entry.first); });
 }
 
 void LiveEngine::pruneBurns(InstantMs now) {
@@ -219,9 +277,11 @@ void LiveEngine::restore(const PersistedState& s) {
   sessionState_ = s.sessionState;
   quotaLastEventAt_ = s.quotaLastEventAt;
   quotaResetsNote_ = s.quotaResetsNote;
+  resolveQuotaReset();
   newLinesSeen_ = s.newLinesSeen;
   newLinesSkipped_ = s.newLinesSkipped;
   todayBoundary_ = s.todayBoundary;
+  nextDayStart_.reset();
   todaySpentUSD_ = s.todaySpentUSD;
   todayTurns_ = s.todayTurns;
   todayTokensByFamily_ = s.todayTokensByFamily;

@@ -19,9 +19,11 @@
 #include <vector>
 
 #include "daemon/burn_event.h"
+#include "daemon/closeout_progress_source.h"
 #include "daemon/daemon_file.h"
 #include "daemon/daemon_raw_line.h"
 #include "daemon/exclusion_reason.h"
+#include "daemon/feed.h"
 #include "daemon/feed_windows.h"
 #include "daemon/file_media_state.h"
 #include "daemon/persisted_state.h"
@@ -29,6 +31,7 @@
 #include "daemon/shutdown_signal_source.h"
 #include "daemon/window_scan.h"
 #include "meter/pricing.h"
+#include "platform/hid_idle_source.h"
 
 namespace ostler {
 
@@ -38,6 +41,8 @@ class LiveEngine {
   static constexpr InstantMs kBurnRetentionMs = 2'764'800'000;
   // A silence this long (five hours) starts a new session window.
   static constexpr double kSessionGapSeconds = 18'000.0;
+  // No local day is longer (a day that ends summer time).
+  static constexpr InstantMs kLongestDayMs = 25 * 3'600'000;
 
   struct TodayAccumulatorSnapshot {
     double spentUSD = 0;  // rounded to six places
@@ -48,6 +53,44 @@ class LiveEngine {
     std::optional<InstantMs> anchor;  // start of the current session window
     std::optional<std::string> note;  // the reset phrase, when the anchor came from one
   };
+
+  // Today's figures from the windowed receipt, published in place of the
+  // accumulator while the two disagree.
+  struct WindowedTodayOverride {
+    double spentUSD = 0;
+    int64_t turns = 0;
+    std::map<std::string, int64_t> tokensByFamily;  // from a fresh read of the tree
+    std::string computedAt;                         // when the accumulator was last checked
+  };
+
+  struct SessionsSnapshot {
+    std::vector<FeedSession> sessions;  // the last day's chats with context: warm, then cold; at most 10
+    int64_t zeroContextSessions = 0;    // the last day's chats without a priced turn
+    std::vector<FeedSession> sessionsAll;  // every chat, newest first
+    int64_t sessionsAllRebuiltCount = 0;   // rows of `sessionsAll` built afresh in this snapshot
+  };
+
+  struct BuiltFeedSession {
+    FeedSession session;
+    std::string temperature;  // "warm" or "cold"
+    double rewarmUsd = 0;
+  };
+
+  // A row of `sessions_all` as last built, reused while it is recent.
+  struct SessionsAllMemoEntry {
+    FeedSession session;
+    InstantMs builtAt = 0;
+  };
+
+  // How long a `sessions_all` row of an untouched chat is reused.
+  static constexpr double kSessionsAllInventoryCadenceSeconds = 30.0;
+  // The list of recent chats reaches back one day.
+  static constexpr InstantMs kRecentSessionsMs = 86'400'000;
+  static constexpr size_t kRecentSessionsLimit = 10;
+  // A subagent file written within this many seconds is a running agent.
+  static constexpr double kActiveDispatchWithinSeconds = 60.0;
+  // The token rate is taken over the last five minutes.
+  static constexpr InstantMs kTokenRateWindowMs = 300'000;
 
   // `timeZoneId` names the IANA zone whose local day "today" is.
   LiveEngine(PricingTable pricing, std::string timeZoneId);
@@ -73,8 +116,9 @@ class LiveEngine {
   // Counts the images of a user line into the file's image run.
   void processUser(const DaemonRawLine& line, FileMediaState& media);
 
-  // Drops the offsets, file records, sessions and subagent models of files
-  // that no longer exist. Request ids, today's figures and burns stay.
+  // Drops the offsets, file records, sessions (with their `sessions_all`
+  // rows) and subagent models of files that no longer exist. Request ids,
+  // today's figures and burns stay.
   void gcDeadEntries(const std::vector<DaemonFile>& currentFiles);
 
   // True once more than 5 percent of the non-blank lines ever read failed to
@@ -111,11 +155,56 @@ class LiveEngine {
   // Replaces the walls (from a finished scan) and marks the state dirty.
   void updateWalls(const WindowScan::Walls& walls);
   // The instant the last quota message's reset phrase names, if any.
-  [[nodiscard]] std::optional<InstantMs> resolvedQuotaResetInstant() const;
+  [[nodiscard]] std::optional<InstantMs> resolvedQuotaResetInstant() const { return resolvedQuotaReset_; }
+
+  // Today as the feed publishes it. `windowedWasteUSD` and the three
+  // mac-first figures come from today's windowed receipt; spend, turns and
+  // tokens from the accumulator, or from `publishedSpendOverride` when given.
+  [[nodiscard]] FeedToday snapshotToday(double windowedWasteUSD, double windowedMediaReadsUSD,
+                                        double windowedRepeatPipelinesUSD, double windowedDownshiftUSD,
+                                        const std::optional<WindowedTodayOverride>& publishedSpendOverride) const;
+
+  // The last limit message; `extra_usage_disabled_reason` is left empty.
+  [[nodiscard]] FeedQuota snapshotQuota() const;
+
+  // The chats as the feed lists them. The last day's chats with a priced
+  // turn are built afresh: warm ones newest first, then cold ones dearest to
+  // rewarm first, at most 10. Every chat also gets a row in `sessionsAll`,
+  // reused from the memo unless it is missing, its chat is in
+  // `touchedSessionIds`, or it is 30 seconds old. `idle` is read once.
+  [[nodiscard]] SessionsSnapshot snapshotSessions(InstantMs now, const CloseoutProgressSource& stores,
+                                                  const std::string& closeoutStoreBase, const HIDIdleSource& idle,
+                                                  const std::set<std::string>& touchedSessionIds);
+
+  // One chat's row, with `last` as its last activity. Reads the chat's
+  // subagent folder and closeout store; a failed read leaves its figure out.
+  [[nodiscard]] BuiltFeedSession buildFeedSession(const std::string& sessionId, const SessionLiveState& s,
+                                                  InstantMs last, InstantMs now, const CloseoutProgressSource& stores,
+                                                  const std::string& closeoutStoreBase, double idleSeconds) const;
+
+  // Running agents and their models, and the token rate of the last five
+  // minutes (per minute, truncated toward zero). `mac_ai_sessions` is left
+  // empty. Agents are looked for in the chats that had subagent files at
+  // the last poll, as are a row's dispatches.
+  [[nodiscard]] FeedNow snapshotNow(InstantMs now) const;
+
+  // Files whose image run has five images or more, the last less than
+  // `activeWithinSeconds` ago; dearest first.
+  [[nodiscard]] std::vector<FeedMediaLoopActive> snapshotActiveMediaLoops(InstantMs now,
+                                                                          double activeWithinSeconds) const;
 
   // Whether state changed since it was last saved; the saver clears it.
   [[nodiscard]] bool isDirty() const { return isDirty_; }
   void markClean() { isDirty_ = false; }
+
+  // Notes a save of `bytes` bytes: clears `isDirty` and counts it.
+  void recordPersist(int64_t bytes);
+  // The saves since this engine started; nothing before the first.
+  [[nodiscard]] std::optional<FeedDiagnosticsPersist> persistDiagnostics() const;
+
+  [[nodiscard]] const std::map<std::string, SessionsAllMemoEntry>& sessionsAllMemo() const {
+    return sessionsAllMemo_;
+  }
 
   [[nodiscard]] const std::map<std::string, int64_t>& fileOffsets() const { return fileOffsets_; }
   [[nodiscard]] const std::map<std::string, FileMediaState>& fileMediaState() const { return fileMediaState_; }
@@ -140,8 +229,10 @@ class LiveEngine {
 
  private:
   void rollOverDay(InstantMs now);
-  // Reads and folds one file's new lines; true when it yielded a line.
-  bool readFile(const DaemonFile& file, InstantMs now);
+  // Reads and folds the new lines of `file`, now `size` bytes long; true
+  // when it yielded a line.
+  using OffsetIterator = std::map<std::string, int64_t>::iterator;
+  bool readFile(const DaemonFile& file, int64_t size, InstantMs now, OffsetIterator& hint);
   void pruneBurns(InstantMs now);
   void recordExclusion(ExclusionReason reason, double dollars);
   void foldRequest(const std::optional<std::string>& requestId, double cost, const TurnUsage& usage,
@@ -149,6 +240,11 @@ class LiveEngine {
                    FileMediaState& media);
   void addBurn(InstantMs ts, double cost, int64_t tokens, const std::optional<std::string>& family);
   void noteQuotaEvent(const DaemonRawLine& line);
+  // Works out the reset instant whenever the quota fields change, rather
+  // than parsing the phrase in a named zone at every snapshot.
+  void resolveQuotaReset();
+  [[nodiscard]] std::vector<std::string> activeDispatchFiles(const std::string& sessionId,
+                                                             const SessionLiveState& s, InstantMs now) const;
   [[nodiscard]] FeedWindow gauge(WindowShape shape, std::optional<InstantMs> anchor,
                                  const std::optional<std::string>& note,
                                  const std::optional<CutoffObservation>& wall, InstantMs now) const;
@@ -173,7 +269,9 @@ class LiveEngine {
   std::map<std::string, SessionLiveState> sessionState_;  // by session id
   std::optional<std::string> quotaLastEventAt_;
   std::optional<std::string> quotaResetsNote_;
+  std::optional<InstantMs> resolvedQuotaReset_;  // from the two above
   std::optional<InstantMs> todayBoundary_;
+  std::optional<InstantMs> nextDayStart_;  // not saved: worked out again at the first poll
   double todaySpentUSD_ = 0;
   int64_t todayTurns_ = 0;
   std::map<std::string, int64_t> todayTokensByFamily_;
@@ -181,6 +279,16 @@ class LiveEngine {
 
   // Windows.
   std::optional<WindowScan::Walls> cachedWalls_;
+
+  // Sessions with subagent files at the last poll: only their folders can
+  // hold a running agent, so the snapshots look in no other.
+  std::set<std::string> sessionsWithSubagentFiles_;
+
+  // Snapshots; in memory only.
+  std::map<std::string, SessionsAllMemoEntry> sessionsAllMemo_;  // by session id
+  int64_t persistCountSinceStart_ = 0;
+  int64_t persistBytesLast_ = 0;
+  int64_t persistBytesSinceStart_ = 0;
 };
 
 }  // namespace ostler

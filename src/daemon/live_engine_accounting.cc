@@ -157,6 +157,7 @@ void LiveEngine::noteQuotaEvent(const DaemonRawLine& line) {
   if (quotaLastEventAt_ && !(*quotaLastEventAt_ < ts)) return;
   quotaLastEventAt_ = std::move(ts);
   quotaResetsNote_ = extractResetsPhrase(joined);
+  resolveQuotaReset();
 }
 
 void LiveEngine::processUser(const DaemonRawLine& line, FileMediaState& media) {

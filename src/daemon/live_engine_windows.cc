@@ -7,11 +7,12 @@
 
 namespace ostler {
 
-std::optional<InstantMs> LiveEngine::resolvedQuotaResetInstant() const {
-  if (!quotaResetsNote_ || !quotaLastEventAt_) return std::nullopt;
+void LiveEngine::resolveQuotaReset() {
+  resolvedQuotaReset_.reset();
+  if (!quotaResetsNote_ || !quotaLastEventAt_) return;
   auto messageAt = ISO8601::parse(*quotaLastEventAt_);
-  if (!messageAt) return std::nullopt;
-  return ResetPhraseParser::parse(*quotaResetsNote_, *messageAt);
+  if (!messageAt) return;
+  resolvedQuotaReset_ = ResetPhraseParser::parse(*quotaResetsNote_, *messageAt);
 }
 
 LiveEngine::SessionAnchor LiveEngine::sessionAnchor(InstantMs now) const {

@@ -4,5 +4,6 @@ namespace ostler {
 
 // Other allocators return freed memory on their own terms.
 void returnFreedMemoryPromptly() {}
+void releaseFreedMemory() {}
 
 }  // namespace ostler

@@ -10,4 +10,6 @@ void returnFreedMemoryPromptly() {
   mallopt(M_TRIM_THRESHOLD, 128 * 1024);
 }
 
+void releaseFreedMemory() { malloc_trim(0); }
+
 }  // namespace ostler

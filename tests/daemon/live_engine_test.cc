@@ -217,6 +217,19 @@ TEST(LiveEngineTest, DayRollsOverBeforeTheNewDaysLines) {
   EXPECT_EQ(restored.todayTurns(), 0);
   EXPECT_TRUE(restored.todayTokensByFamily().empty());
   EXPECT_TRUE(restored.isDirty());
+
+  // The day the clocks go back lasts 25 hours, to its last millisecond.
+  LiveEngine autumn(PricingTable::defaultTable(), "Europe/Berlin");
+  (void)autumn.poll(dir.str(), at("2026-10-25T22:59:59.999Z"));
+  EXPECT_EQ(autumn.todayBoundary(), at("2026-10-24T22:00:00Z"));
+  (void)autumn.poll(dir.str(), at("2026-10-25T23:00:00Z"));
+  EXPECT_EQ(autumn.todayBoundary(), at("2026-10-25T23:00:00Z"));
+  // An earlier day restored into an engine that knew a later one still
+  // rolls over at the next poll.
+  autumn.restore(saved);
+  (void)autumn.poll(dir.str(), at("2026-10-25T23:30:00Z"));
+  EXPECT_EQ(autumn.todayBoundary(), at("2026-10-25T23:00:00Z"));
+  EXPECT_EQ(autumn.todayTurns(), 0);
 }
 
 TEST(LiveEngineTest, RoutingNamesChatsAndGarbageCollectionFollowsTheTree) {

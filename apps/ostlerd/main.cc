@@ -1,0 +1,84 @@
+// ostlerd: the live engine on its own. Follows the Claude Code transcripts
+// and publishes the feed file once a second until SIGINT or SIGTERM, then
+// saves its state and exits 0.
+//
+//   ostlerd [--root DIR] [--feed PATH] [--interval SECONDS] [--state FILE]
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <optional>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include "daemon/daemon.h"
+#include "daemon/daemon_options.h"
+#include "daemon/shutdown_signal_source.h"
+#include "platform/named_thread.h"
+
+namespace {
+
+constexpr int kUsageError = 2;
+constexpr size_t kEngineStackBytes = 8 << 20;
+
+ostler::FlagShutdownSignalSource shutdownSignal;
+static_assert(std::atomic<bool>::is_always_lock_free, "the signal handler stores to an atomic flag");
+
+extern "C" void requestShutdown(int) { shutdownSignal.request(); }
+
+void installSignalHandlers() {
+  struct sigaction action = {};
+  action.sa_handler = requestShutdown;
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = SA_RESTART;
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const ostler::DaemonDefaults::Environment env = ostler::DaemonDefaults::fromProcess();
+  std::string root = ostler::DaemonDefaults::transcriptRoot(env);
+  std::string feed = ostler::DaemonDefaults::kFeedPath;
+  double interval = ostler::DaemonDefaults::kInterval;
+  std::optional<std::string> state;
+
+  CLI::App app{"ostlerd: follows your Claude Code transcripts and publishes the feed"};
+  app.add_option("--root", root, "transcript root (default $LADDER_ROOT or ~/.claude/projects)")->type_name("DIR");
+  app.add_option("--feed", feed, "feed file (default /tmp/ostler-feed.json)")->type_name("PATH");
+  app.add_option("--interval", interval, "seconds between polls (default 1)")->type_name("SECONDS");
+  app.add_option("--state", state, "saved engine state (default one file per root under /tmp/ladder-daemon-scratch)")
+      ->type_name("FILE");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    std::cerr << "ostlerd: " << e.what() << "\n";
+    return kUsageError;
+  }
+  if (!(interval > 0) || !std::isfinite(interval)) {
+    std::cerr << "ostlerd: --interval must be a number of seconds above 0\n";
+    return kUsageError;
+  }
+
+  const ostler::DaemonOptions options = ostler::DaemonDefaults::options(env, root, feed, interval, state);
+  installSignalHandlers();
+  int status = 0;
+  {
+    ostler::NamedThread engine("ostler.engine", kEngineStackBytes,
+                               [&] { status = ostler::Daemon::runForever(options, shutdownSignal); });
+    if (!engine.started()) {
+      std::cerr << "ostlerd: cannot start the engine thread\n";
+      return 1;
+    }
+  }
+  // A background recompute may still be reading the tree; it writes no
+  // file, so the process ends without waiting for it or running the static
+  // destructors it may still be using.
+  std::fflush(nullptr);
+  std::_Exit(status);
+}

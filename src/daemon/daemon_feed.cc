@@ -1,0 +1,70 @@
+// The feed as the tick assembles it, and the save of the engine's state.
+#include <filesystem>
+#include <system_error>
+
+#include "daemon/daemon.h"
+#include "daemon/persisted_state.h"
+
+namespace ostler::Daemon {
+namespace {
+
+double macFirstUSD(const Receipt& r, std::string_view key) {
+  for (const auto& c : r.mac_first.categories)
+    if (c.key == key) return c.usd;
+  return 0;
+}
+
+}  // namespace
+
+int64_t persistAndRecord(LiveEngine& engine, const DaemonOptions& options) {
+  // A failed save is not retried at once: `isDirty` is cleared all the same,
+  // so the next save waits for the next change.
+  (void)PersistedStateIO::save(engine.snapshotForPersistence(options.root), options.scratchPath);
+  std::error_code ec;
+  const uintmax_t size = std::filesystem::file_size(options.scratchPath, ec);
+  const int64_t bytes = ec ? 0 : static_cast<int64_t>(size);
+  engine.recordPersist(bytes);
+  return bytes;
+}
+
+Feed assembleFeed(LiveEngine& engine, const Odometer::Bundle& odometerBundle, InstantMs now,
+                  const std::string& closeoutStorePath,
+                  const std::optional<FeedDiagnosticsEquality>& equalityDiagnostics,
+                  const std::set<std::string>& touchedSessionIds, const Services& services) {
+  Feed feed;
+  feed.generated_at = ISO8601::fractional(now);
+  feed.odometer = odometerBundle.odometer;
+
+  LiveEngine::SessionsSnapshot sessions =
+      engine.snapshotSessions(now, services.closeoutStores, closeoutStorePath, services.idle, touchedSessionIds);
+  feed.sessions = std::move(sessions.sessions);
+  feed.zero_context_sessions = sessions.zeroContextSessions;
+  feed.sessions_all = std::move(sessions.sessionsAll);
+
+  // While the last check diverged, spend is published from the windowed
+  // receipt, once a recompute has brought tokens from a fresh read to go
+  // with it; until then the accumulator stands.
+  const Receipt& windowed = odometerBundle.todayWindowedReceipt;
+  std::optional<LiveEngine::WindowedTodayOverride> override;
+  if (equalityDiagnostics && !equalityDiagnostics->matches && odometerBundle.windowedTokensByFamily)
+    override = LiveEngine::WindowedTodayOverride{windowed.totals.spent_usd, windowed.totals.turns,
+                                                 *odometerBundle.windowedTokensByFamily,
+                                                 equalityDiagnostics->checked_at};
+  feed.today = engine.snapshotToday(windowed.waste.total_usd, macFirstUSD(windowed, "media_reads"),
+                                    macFirstUSD(windowed, "repeat_pipelines"), macFirstUSD(windowed, "downshift"),
+                                    override);
+
+  feed.quota = engine.snapshotQuota();
+  feed.windows = engine.snapshotWindows(now);
+  feed.now = engine.snapshotNow(now);
+  feed.now.mac_ai_sessions = services.macAi.feedSessions(now);
+  feed.media_loops_active = engine.snapshotActiveMediaLoops(now, kActiveMediaLoopSeconds);
+  if (engine.parserAlarmTripped()) feed.parser_alarm = true;
+
+  feed.diagnostics.persist = engine.persistDiagnostics();
+  feed.diagnostics.exclusions = engine.exclusionsSnapshot();
+  feed.diagnostics.equality = equalityDiagnostics;
+  return feed;
+}
+
+}  // namespace ostler::Daemon

@@ -1,0 +1,88 @@
+// The heavy pass before the first feed: the live engine catches up with the
+// tree while the meter, the window scan and a fresh family count read it at
+// the same time.
+#include "daemon/daemon.h"
+#include "daemon/local_day.h"
+#include "daemon/parallel_jobs.h"
+#include "meter/meter_engine.h"
+
+namespace ostler::Daemon {
+namespace {
+
+// An engine that has never polled and holds no saved state reads the tree
+// exactly as a throw-away engine would.
+bool neverPolled(const LiveEngine& engine) {
+  return !engine.todayBoundary() && engine.fileOffsets().empty() && engine.seenRequestIds().empty() &&
+         engine.sessionState().empty();
+}
+
+}  // namespace
+
+std::optional<InitialPassResult> initialPass(LiveEngine& engine, const DaemonOptions& options, InstantMs now,
+                                             const ProgressCallback& onProgress,
+                                             const ShutdownSignalSource* shutdownSignal, const Clock& clock) {
+  const InstantMs boundary = LocalDay::localMidnightInstant(now, engine.timeZoneId());
+  // On a cold start the live poll is itself a fresh read of the whole tree,
+  // so its family tokens stand for the throw-away engine's and the tree is
+  // read once less.
+  const bool coldStart = neverPolled(engine);
+
+  InitialPassResult result;
+  Receipt lifetime, today;
+  WindowScan::Walls walls;
+  std::map<std::string, int64_t> tokens;
+  auto timed = [&clock](double* seconds, auto job) {
+    return [&clock, seconds, job] {
+      const double start = clock.monotonicSeconds();
+      job();
+      *seconds = clock.monotonicSeconds() - start;
+    };
+  };
+  std::vector<std::function<void()>> jobs = {
+      timed(&result.liveSeconds,
+            [&] {
+              (void)engine.poll(options.root, now, shutdownSignal);
+              result.accumulatorSnapshot = engine.todayAccumulatorSnapshot();
+              if (coldStart) tokens = engine.todayTokensByFamily();
+            }),
+      timed(&result.lifetimeSeconds,
+            [&] {
+              MeterOptions meter;
+              meter.root = options.root;
+              meter.pricing = options.pricing;
+              lifetime = MeterEngine::run(meter, onProgress);
+            }),
+      timed(&result.todayWindowedSeconds,
+            [&] { today = MeterEngine::run(Odometer::todayOptions(options.root, options.pricing, boundary, now)); }),
+      timed(&result.windowScanSeconds,
+            [&] { walls = WindowScan::walls(WindowScan::scan(options.root, options.pricing)); }),
+  };
+  if (!coldStart)
+    jobs.push_back([&] {
+      tokens = LiveEngine::freshWindowedTokensByFamily(options.root, options.pricing, now, engine.timeZoneId());
+    });
+
+  bool stopped = false;
+  {
+    ParallelJobs running(std::move(jobs));
+    if (shutdownSignal == nullptr) {
+      running.wait();
+    } else {
+      while (!running.waitFor(kShutdownCheckSeconds)) {
+        if (shutdownSignal->isRequested()) {
+          stopped = true;
+          break;
+        }
+      }
+      // A stop still waits for every job: none is abandoned mid-read.
+      running.wait();
+    }
+  }
+  if (stopped) return std::nullopt;
+
+  result.odometerBundle = Odometer::bundle(std::move(lifetime), std::move(today), walls, std::move(tokens));
+  engine.updateWalls(walls);
+  return result;
+}
+
+}  // namespace ostler::Daemon

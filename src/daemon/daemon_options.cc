@@ -1,0 +1,69 @@
+#include "daemon/daemon_options.h"
+
+#include <cstdlib>
+
+#include "daemon/persisted_state.h"
+
+namespace ostler {
+
+DaemonOptions::DaemonOptions(std::string root_, std::string feedPath_, double interval_, PricingTable pricing_,
+                             std::optional<std::string> scratchPath_, double odometerMinInterval_,
+                             std::string macAiRunsPath_, std::string authorityStorePath_,
+                             std::string planUsageHistoryPath_, std::string closeoutStorePath_,
+                             std::string namesPath_)
+    : root(std::move(root_)),
+      feedPath(std::move(feedPath_)),
+      interval(interval_),
+      pricing(std::move(pricing_)),
+      scratchPath(scratchPath_ ? std::move(*scratchPath_) : PersistedStateIO::defaultPath(root)),
+      macAiRunsPath(std::move(macAiRunsPath_)),
+      authorityStorePath(std::move(authorityStorePath_)),
+      planUsageHistoryPath(std::move(planUsageHistoryPath_)),
+      closeoutStorePath(std::move(closeoutStorePath_)),
+      namesPath(std::move(namesPath_)),
+      odometerMinInterval(odometerMinInterval_) {}
+
+namespace DaemonDefaults {
+namespace {
+
+std::optional<std::string> variable(const char* name) {
+  const char* v = std::getenv(name);
+  if (v == nullptr || *v == '\0') return std::nullopt;
+  return std::string(v);
+}
+
+// An XDG base directory counts only when absolute.
+std::string xdgOr(const std::optional<std::string>& value, const std::string& fallback) {
+  return value && value->front() == '/' ? *value : fallback;
+}
+
+}  // namespace
+
+Environment fromProcess() {
+  return {variable("HOME").value_or(""), variable("XDG_DATA_HOME"), variable("XDG_CONFIG_HOME"),
+          variable("LADDER_ROOT")};
+}
+
+std::string applicationSupportDirectory(const Environment& env) {
+  return xdgOr(env.xdgDataHome, env.home + "/.local/share") + "/Ostler";
+}
+
+std::string transcriptRoot(const Environment& env) {
+  if (env.ladderRoot && !env.ladderRoot->empty()) return *env.ladderRoot;
+  return env.home + "/.claude/projects";
+}
+
+DaemonOptions options(const Environment& env, std::string root, std::string feedPath, double interval,
+                      std::optional<std::string> scratchPath) {
+  const std::string support = applicationSupportDirectory(env);
+  const std::string claudeConfig = xdgOr(env.xdgConfigHome, env.home + "/.config") + "/Claude";
+  // Development runs keep their names file apart from an installed
+  // application's, in the "dev" folder.
+  return DaemonOptions(std::move(root), std::move(feedPath), interval, PricingTable::defaultTable(),
+                       std::move(scratchPath), kOdometerMinInterval, support + "/mac-ai-runs.json",
+                       support + "/authority-last.json", claudeConfig + "/plan-usage-history.json",
+                       support + "/closeout", support + "/dev/names.json");
+}
+
+}  // namespace DaemonDefaults
+}  // namespace ostler

@@ -1,0 +1,45 @@
+// Publishes the feed as a file that readers may open at any moment: the
+// whole JSON goes to a temporary file beside the target and is renamed over
+// it, so a reader sees the previous feed or the new one, never a torn one.
+// The file is private to the user (mode 0600).
+//
+// Used by one thread (the daemon's tick).
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "daemon/feed.h"
+#include "meter/status.h"
+#include "platform/clock.h"
+
+namespace ostler {
+
+class FeedWriter {
+ public:
+  // The writer reads the current time from `clock`, which must outlive it.
+  FeedWriter(std::string path, double minIntervalSeconds, const Clock& clock = systemClock());
+
+  // Writes `feed` unconditionally. On success, and only then, `lastWriteAt`
+  // becomes the current time. On failure the previous file stays as it was
+  // (or, if only the permission step failed, the new file stands) and
+  // `lastWriteAt` is unchanged. The parent directory is not created.
+  Result<int64_t> writeNow(const Feed& feed);
+
+  // Writes as `writeNow` unless the last write was less than `minInterval`
+  // before `now`. Returns whether it wrote, or the write's error.
+  Result<bool> writeDebounced(const Feed& feed, InstantMs now);
+
+  [[nodiscard]] const std::string& path() const { return path_; }
+  [[nodiscard]] double minInterval() const { return minInterval_; }
+  [[nodiscard]] std::optional<InstantMs> lastWriteAt() const { return lastWriteAt_; }
+
+ private:
+  std::string path_;
+  double minInterval_;
+  const Clock& clock_;
+  std::optional<InstantMs> lastWriteAt_;
+  FeedEncoder encoder_;
+};
+
+}  // namespace ostler

@@ -1,0 +1,45 @@
+// The daemon's heavy figures, recomputed in the background: the lifetime
+// receipt of the whole tree, today's receipt from the local day's start to
+// now, the limit windows' walls, and, when asked, today's tokens by family
+// from a fresh read of the tree. The tick keeps publishing from the last
+// bundle while the next one is computed.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "daemon/feed.h"
+#include "daemon/window_scan.h"
+#include "meter/meter_options.h"
+#include "meter/receipt.h"
+
+namespace ostler::Odometer {
+
+struct Bundle {
+  FeedOdometer odometer;          // the lifetime receipt's figures as the feed shows them
+  Receipt lifetimeReceipt;        // the whole tree
+  Receipt todayWindowedReceipt;   // from the local day's start until now
+  WindowScan::Walls windowWalls;  // from a scan of the whole tree
+  std::optional<std::map<std::string, int64_t>> windowedTokensByFamily;  // present only when asked for
+};
+
+// Fills the feed's figures from `lifetime` (`stamp_usd` is waste and
+// mac-first summed, then rounded once) and keeps the rest as given.
+[[nodiscard]] Bundle bundle(Receipt lifetime, Receipt todayWindowed, WindowScan::Walls windowWalls,
+                            std::optional<std::map<std::string, int64_t>> windowedTokensByFamily);
+
+// The meter's options for today: since `boundary` (inclusive) until `now`
+// (exclusive), both written with milliseconds.
+[[nodiscard]] MeterOptions todayOptions(const std::string& root, const PricingTable& pricing, InstantMs boundary,
+                                        InstantMs now);
+
+// Runs the lifetime pass, today's pass, the window scan and, with
+// `computeWindowedTokensByFamily`, a throw-away engine's read of today's
+// tokens (in the zone `timeZoneId`), all at once, and blocks until they are
+// done. `boundary` is the start of the local day of `now`. Cannot fail.
+[[nodiscard]] Bundle compute(const std::string& root, const PricingTable& pricing, InstantMs boundary,
+                             InstantMs now, bool computeWindowedTokensByFamily, const std::string& timeZoneId);
+
+}  // namespace ostler::Odometer

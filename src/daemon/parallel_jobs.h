@@ -1,0 +1,35 @@
+// A handful of jobs run at once, each on a thread of its own, for the heavy
+// passes of the daemon (the initial pass, the recompute). The jobs must not
+// share mutable state; each writes only its own result.
+#pragma once
+
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace ostler {
+
+class ParallelJobs {
+ public:
+  // Starts every job at once.
+  explicit ParallelJobs(std::vector<std::function<void()>> jobs);
+  // Waits for every job: a job is never abandoned.
+  ~ParallelJobs();
+  ParallelJobs(const ParallelJobs&) = delete;
+  ParallelJobs& operator=(const ParallelJobs&) = delete;
+
+  // Waits up to `seconds`; true once every job has finished.
+  bool waitFor(double seconds);
+  // Waits until every job has finished.
+  void wait();
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable finished_;
+  size_t remaining_ = 0;
+  std::vector<std::thread> threads_;
+};
+
+}  // namespace ostler

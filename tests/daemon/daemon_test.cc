@@ -1,0 +1,421 @@
+// The daemon loop's pieces, driven by hand: the recompute gate and its
+// backoff, the spend basis, the tick, the initial pass and saving.
+#include "daemon/daemon.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <thread>
+
+#include "daemon/persisted_state.h"
+#include "fake_clock.h"
+#include "line_builder.h"
+#include "support/test_support.h"
+
+namespace ostler {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::Assistant;
+using testing::assistantLine;
+using testing::at;
+using testing::FakeClock;
+using testing::jsonl;
+using testing::ManualQueue;
+using testing::TempDir;
+using testing::Usage;
+using testing::writeFile;
+
+const InstantMs kNow = at("2026-03-10T12:00:00Z");
+
+// $1.00 of haiku input at `t`.
+std::string dollarTurn(InstantMs t, const std::string& rid) {
+  Assistant a;
+  a.timestamp = ISO8601::fractional(t);
+  a.requestId = rid;
+  a.model = "claude-haiku-4-5";
+  a.usage = Usage{.input = 1'000'000};
+  return assistantLine(a);
+}
+
+class NoIdle final : public HIDIdleSource {
+ public:
+  [[nodiscard]] double idleSeconds() const override { return 0; }
+};
+
+class RecordingScheduler final : public CloseoutScheduling {
+ public:
+  std::vector<std::string> paths;
+  void pollIfDue(const std::string&, const std::string& path, InstantMs, InstantMs) override {
+    paths.push_back(path);
+  }
+};
+
+class CountingNames final : public NamesPublishing {
+ public:
+  int writes = 0;
+  void writeIfChanged(const LiveEngine&, InstantMs, const std::string&) override { ++writes; }
+};
+
+// Answers true from the start, but holds its first caller long enough for
+// the initial pass's wait to time out once.
+class SlowStop final : public ShutdownSignalSource {
+ public:
+  [[nodiscard]] bool isRequested() const override {
+    if (calls_++ == 0) std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    return true;
+  }
+
+ private:
+  mutable std::atomic<int> calls_{0};
+};
+
+struct Harness {
+  TempDir dir;
+  FakeClock clock{kNow};
+  NoIdle idle;
+  NoCloseoutStores stores;
+  RecordingScheduler scheduler;
+  CountingNames names;
+  NoMacAiSessions macAi;
+  ManualQueue queue;
+  DaemonOptions options{(dir.path() / "projects").string(),
+                        (dir.path() / "feed.json").string(),
+                        1.0,
+                        PricingTable::defaultTable(),
+                        (dir.path() / "state" / "state.json").string(),
+                        45.0,
+                        "",
+                        "",
+                        "",
+                        (dir.path() / "closeout").string(),
+                        ""};
+
+  [[nodiscard]] Daemon::Services services() {
+    return {clock, idle, stores, scheduler, names, macAi, queue, nullptr};
+  }
+  [[nodiscard]] fs::path transcript() const { return fs::path(options.root) / "p" / "a.jsonl"; }
+};
+
+TEST(RecomputeGateTest, TouchesOutOfBandChecksAndTheSettledBackoff) {
+  Harness h;
+  writeFile(h.transcript(), jsonl({dollarTurn(kNow - 3'600'000, "r1")}));
+  LiveEngine engine(h.options.pricing, "UTC");
+  (void)engine.poll(h.options.root, kNow);
+  auto state = std::make_shared<Daemon::TickState>();
+  auto gate = [&](double secondsAfterStart, bool touched) {
+    return Daemon::startOdometerRecomputeIfDue(engine, h.options, state, kNow + int64_t(secondsAfterStart * 1000),
+                                               touched, h.services());
+  };
+  auto finishAt = [&](double secondsAfterStart) {
+    h.clock.set(kNow + int64_t(secondsAfterStart * 1000));
+    ASSERT_EQ(h.queue.pending(), 1u);
+    h.queue.runAll();
+  };
+
+  // No touch and no check yet: nothing can have changed.
+  EXPECT_FALSE(gate(0, false));
+  EXPECT_TRUE(gate(0, true));
+  EXPECT_FALSE(gate(1, true));  // one at a time
+  // The meter no longer finds the day's dollar the accumulator holds.
+  fs::remove(h.transcript());
+  finishAt(10);
+  {
+    std::lock_guard lock(state->stateLock);
+    EXPECT_FALSE(state->odometerInFlight);
+    EXPECT_EQ(state->lastOdometerAt, kNow + 10'000);
+    ASSERT_TRUE(state->lastEqualityDiagnostics);
+    EXPECT_FALSE(state->lastEqualityDiagnostics->matches);
+    EXPECT_EQ(state->lastEqualityDiagnostics->diff_usd, 1.0);
+    EXPECT_EQ(state->lastEqualityDiagnostics->checked_at, ISO8601::fractional(kNow));
+    EXPECT_EQ(state->odometerBundle->windowedTokensByFamily, std::nullopt);  // the check was not yet unreconciled
+    EXPECT_TRUE(state->pendingWalls);
+    EXPECT_EQ(state->outOfBandBackoff, (Daemon::OutOfBandBackoffState{0, 1.0}));
+  }
+
+  // A touch waits 45 seconds from the last finish.
+  EXPECT_FALSE(gate(54.999, true));
+  EXPECT_TRUE(gate(55, true));
+  finishAt(60);
+
+  // Untouched, the divergence is looked at again every 45 seconds; the
+  // residual stays put, so the small moves add up.
+  double at = 60;
+  for (int moves = 1; moves <= 3; ++moves) {
+    EXPECT_FALSE(gate(at + 44.999, false));
+    EXPECT_TRUE(gate(at + 45, false));
+    at += 45;
+    finishAt(at);
+    std::lock_guard lock(state->stateLock);
+    EXPECT_EQ(state->outOfBandBackoff.consecutiveSmallMoves, moves);
+    EXPECT_TRUE(state->odometerBundle->windowedTokensByFamily);  // asked for while unreconciled
+  }
+  // Settled: every 600 seconds.
+  EXPECT_FALSE(gate(at + 45, false));
+  EXPECT_FALSE(gate(at + 599.999, false));
+  EXPECT_TRUE(gate(at + 600, false));
+  at += 600;
+  finishAt(at);
+  // A touch is due at the usual 45 seconds and resets the count.
+  EXPECT_TRUE(gate(at + 45, true));
+  at += 45;
+  finishAt(at);
+  {
+    std::lock_guard lock(state->stateLock);
+    EXPECT_EQ(state->outOfBandBackoff.consecutiveSmallMoves, 0);
+  }
+  EXPECT_TRUE(gate(at + 45, false));
+
+  // Once the two sums agree again, nothing is due however long it stays so.
+  writeFile(h.transcript(), jsonl({dollarTurn(kNow - 3'600'000, "r1")}));
+  at += 45;
+  finishAt(at);
+  {
+    std::lock_guard lock(state->stateLock);
+    EXPECT_TRUE(state->lastEqualityDiagnostics->matches);
+    EXPECT_EQ(state->outOfBandBackoff.consecutiveSmallMoves, 0);
+  }
+  EXPECT_FALSE(gate(at + 86'400, false));
+}
+
+TEST(AssembleFeedTest, SpendTurnsWindowedOnlyOnceARecomputeBringsFreshTokens) {
+  Harness h;
+  writeFile(h.transcript(), jsonl({dollarTurn(kNow - 3'600'000, "r1")}));
+  LiveEngine engine(h.options.pricing, "UTC");
+  (void)engine.poll(h.options.root, kNow);
+  auto state = std::make_shared<Daemon::TickState>();
+  auto recompute = [&](double secondsAfterStart, bool touched) {
+    ASSERT_TRUE(Daemon::startOdometerRecomputeIfDue(engine, h.options, state,
+                                                    kNow + int64_t(secondsAfterStart * 1000), touched, h.services()));
+    h.clock.set(kNow + int64_t(secondsAfterStart * 1000));
+    h.queue.runAll();
+  };
+  auto feed = [&] {
+    std::lock_guard lock(state->stateLock);
+    return Daemon::assembleFeed(engine, *state->odometerBundle, h.clock.nowMs(), h.options.closeoutStorePath,
+                                state->lastEqualityDiagnostics, {}, h.services());
+  };
+
+  fs::remove(h.transcript());
+  recompute(0, true);
+  Feed first = feed();
+  EXPECT_FALSE(first.diagnostics.equality->matches);
+  EXPECT_EQ(first.today.spent_basis, "accumulator");
+  EXPECT_EQ(first.today.spent_usd, 1.0);
+  EXPECT_EQ(first.today.windowed_computed_at, std::nullopt);
+
+  recompute(45, false);
+  Feed second = feed();
+  EXPECT_EQ(second.today.spent_basis, "windowed");
+  EXPECT_EQ(second.today.spent_usd, 0.0);
+  EXPECT_EQ(second.today.turns, 0);
+  EXPECT_EQ(second.today.windowed_computed_at, ISO8601::fractional(kNow + 45'000));
+  EXPECT_EQ(second.today.tokens_by_family.at("haiku"), 0);
+  EXPECT_EQ(engine.todayAccumulatorSnapshot().spentUSD, 1.0);
+
+  writeFile(h.transcript(), jsonl({dollarTurn(kNow - 3'600'000, "r1")}));
+  recompute(90, false);
+  Feed third = feed();
+  EXPECT_TRUE(third.diagnostics.equality->matches);
+  EXPECT_EQ(third.today.spent_basis, "accumulator");
+  EXPECT_EQ(third.today.spent_usd, 1.0);
+  EXPECT_EQ(third.today.tokens_by_family.at("haiku"), 1'000'000);
+}
+
+// A tick with a bundle in place, as after the initial pass.
+struct Ticking : Harness {
+  LiveEngine engine{options.pricing, "UTC"};
+  std::shared_ptr<Daemon::TickState> state = std::make_shared<Daemon::TickState>();
+  FeedWriter writer{options.feedPath, Daemon::kFeedMinIntervalSeconds, clock};
+
+  Ticking() {
+    writeFile(transcript(), jsonl({dollarTurn(kNow - 3'600'000, "r1")}));
+    writeFile(fs::path(options.root) / "p" / "a" / "subagents" / "x.jsonl",
+              jsonl({dollarTurn(kNow - 3'500'000, "r2")}));
+    auto pass = Daemon::initialPass(engine, options, kNow, nullptr, nullptr, clock);
+    std::lock_guard lock(state->stateLock);
+    state->odometerBundle = std::make_shared<const Odometer::Bundle>(std::move(pass->odometerBundle));
+    state->lastOdometerAt = kNow;
+    state->lastPersistAt = kNow;
+    state->lastEqualityDiagnostics = FeedDiagnosticsEquality{true, 0, ISO8601::fractional(kNow), 2.0, 2};
+  }
+  Daemon::TickOutcome tick(double secondsAfterStart, bool stop = false) {
+    return Daemon::runForeverTick(engine, writer, options, state, [stop] { return stop; },
+                                  kNow + int64_t(secondsAfterStart * 1000), services());
+  }
+  [[nodiscard]] Feed readFeed() const { return decodeFeedJSON(testing::readFile(options.feedPath)).value(); }
+};
+
+TEST(DaemonTickTest, WritesTheFeedOncePerSecondAndSleepsTheRestOfTheInterval) {
+  Ticking t;
+  {
+    // No bundle yet, no feed at all.
+    auto saved = std::exchange(t.state->odometerBundle, nullptr);
+    EXPECT_FALSE(t.tick(0.5).shutdown);
+    EXPECT_FALSE(fs::exists(t.options.feedPath));
+    t.state->odometerBundle = saved;
+  }
+  EXPECT_EQ(t.tick(1).sleepSeconds, 1.0);
+  ASSERT_TRUE(fs::exists(t.options.feedPath));
+  Feed f = t.readFeed();
+  EXPECT_EQ(f.generated_at, ISO8601::fractional(kNow + 1000));
+  EXPECT_EQ(f.today.spent_usd, 2.0);
+  EXPECT_EQ(f.odometer.spent_usd, 2.0);
+  EXPECT_EQ(f.diagnostics.equality->accumulator_turns, 2);
+
+  // Half a second later the feed is not due; a second after the last it is.
+  (void)t.tick(1.999);
+  EXPECT_EQ(t.readFeed().generated_at, ISO8601::fractional(kNow + 1000));
+  (void)t.tick(2);
+  EXPECT_EQ(t.readFeed().generated_at, ISO8601::fractional(kNow + 2000));
+
+  // A tick that took 0.7 s sleeps 0.3 s; one longer than the interval, none.
+  t.clock.setMonotonicStep(0.7);
+  EXPECT_NEAR(t.tick(3).sleepSeconds, 0.3, 1e-9);
+  t.clock.setMonotonicStep(1.5);
+  EXPECT_EQ(t.tick(4).sleepSeconds, 0.0);
+  t.clock.setMonotonicStep(0);
+
+  // Nothing was touched: the scheduler and the names file heard nothing,
+  // and with a matching check no recompute ran.
+  EXPECT_TRUE(t.scheduler.paths.empty());
+  EXPECT_EQ(t.names.writes, 0);
+  EXPECT_EQ(t.queue.pending(), 0u);
+
+  // A new line: the chat's top-level file goes to the scheduler (not its
+  // subagent file), the names are written, and the row moves at once.
+  testing::appendFile(t.transcript(), jsonl({dollarTurn(kNow + 4'500, "r3")}));
+  (void)t.tick(5);
+  EXPECT_EQ(t.scheduler.paths, (std::vector<std::string>{t.transcript().string()}));
+  EXPECT_EQ(t.names.writes, 1);
+  f = t.readFeed();
+  EXPECT_EQ(f.today.spent_usd, 3.0);
+  EXPECT_EQ(f.sessions_all.at(0).last_activity, ISO8601::fractional(kNow + 4'500));
+  // A touch on a tick that writes no feed still rebuilds the chat's row in
+  // the next feed written.
+  testing::appendFile(t.transcript(), jsonl({dollarTurn(kNow + 5'100, "r4")}));
+  (void)t.tick(5.5);
+  (void)t.tick(6);
+  f = t.readFeed();
+  EXPECT_EQ(f.generated_at, ISO8601::fractional(kNow + 6'000));
+  EXPECT_EQ(f.sessions_all.at(0).last_activity, ISO8601::fractional(kNow + 5'100));
+  // Touched, but the last recompute finished only seconds ago.
+  EXPECT_EQ(t.queue.pending(), 0u);
+  (void)t.tick(45);
+  EXPECT_EQ(t.queue.pending(), 0u);  // no touch since
+}
+
+TEST(DaemonTickTest, SavesEveryFiveMinutesWhileDirtyAndOnShutdown) {
+  Ticking t;
+  (void)t.tick(1);
+  ASSERT_TRUE(t.engine.isDirty());
+  (void)t.tick(299.999);
+  EXPECT_FALSE(fs::exists(t.options.scratchPath));
+  (void)t.tick(300);
+  EXPECT_TRUE(fs::exists(t.options.scratchPath));
+  EXPECT_FALSE(t.engine.isDirty());
+  EXPECT_EQ(t.engine.persistDiagnostics()->count_since_start, 1);
+  (void)t.tick(601);  // clean: nothing to save
+  EXPECT_EQ(t.engine.persistDiagnostics()->count_since_start, 1);
+  EXPECT_EQ(t.readFeed().diagnostics.persist, t.engine.persistDiagnostics());
+
+  // Walls of a finished recompute reach the engine between polls, and
+  // are saved with it, 300 seconds after the last save.
+  WindowScan::Walls walls;
+  walls.week.latestResetPhrase = "resets mon 9am";
+  t.state->pendingWalls = walls;
+  (void)t.tick(602);
+  EXPECT_EQ(t.engine.cachedWalls(), walls);
+  EXPECT_EQ(t.engine.persistDiagnostics()->count_since_start, 2);
+  EXPECT_FALSE(t.state->pendingWalls);
+  EXPECT_EQ(t.readFeed().windows.week.resets_note, "resets mon 9am");
+
+  // The stop saves what the tick has, walls handed over last included.
+  walls.session.latestResetPhrase = "resets 5pm";
+  t.state->pendingWalls = walls;
+  Daemon::TickOutcome stop = t.tick(603, true);
+  EXPECT_TRUE(stop.shutdown);
+  EXPECT_EQ(stop.exitStatus, 0);
+  auto saved = PersistedStateIO::load(t.options.scratchPath, t.options.root);
+  ASSERT_TRUE(saved);
+  EXPECT_EQ(saved->cachedWalls, walls);
+  EXPECT_EQ(t.engine.persistDiagnostics()->count_since_start, 3);
+}
+
+TEST(DaemonTickTest, AfterMidnightWithoutNewLinesTheOldBundleStands) {
+  Ticking t;
+  (void)t.tick(1);
+  const double nextDay = 13 * 3600;  // 01:00 the next day
+  (void)t.tick(nextDay);
+  Feed f = t.readFeed();
+  EXPECT_EQ(f.today.spent_usd, 0.0);  // the accumulator rolled over
+  EXPECT_EQ(f.odometer.spent_usd, 2.0);
+  EXPECT_EQ(t.queue.pending(), 0u);
+}
+
+TEST(InitialPassTest, AShutdownWaitsForTheJobsAndLeavesNoFeed) {
+  Harness h;
+  writeFile(h.transcript(), jsonl({dollarTurn(kNow - 3'600'000, "r1")}));
+  SlowStop stop;
+  LiveEngine engine(h.options.pricing, "UTC");
+  EXPECT_EQ(Daemon::initialPass(engine, h.options, kNow, nullptr, &stop, h.clock), std::nullopt);
+  // The live poll stopped at the first file.
+  EXPECT_TRUE(engine.fileOffsets().empty());
+
+  // The same in the loop: a final save, and the previous feed is left alone.
+  writeFile(h.options.feedPath, "previous");
+  SlowStop again;
+  EXPECT_EQ(Daemon::runForever(h.options, again, h.services()), 0);
+  EXPECT_EQ(testing::readFile(h.options.feedPath), "previous");
+  EXPECT_TRUE(PersistedStateIO::load(h.options.scratchPath, h.options.root));
+}
+
+TEST(InitialPassTest, FiguresOfEveryJobOnColdAndWarmStarts) {
+  Harness h;
+  writeFile(h.transcript(), jsonl({dollarTurn(kNow - 3'600'000, "r1"), dollarTurn(kNow - 90'000'000, "r0")}));
+  LiveEngine cold(h.options.pricing, "UTC");
+  auto pass = Daemon::initialPass(cold, h.options, kNow, nullptr, nullptr, h.clock);
+  ASSERT_TRUE(pass);
+  EXPECT_EQ(pass->accumulatorSnapshot.spentUSD, 1.0);
+  EXPECT_EQ(pass->odometerBundle.lifetimeReceipt.totals.spent_usd, 2.0);
+  EXPECT_EQ(pass->odometerBundle.todayWindowedReceipt.totals.spent_usd, 1.0);
+  EXPECT_EQ(pass->odometerBundle.windowedTokensByFamily,
+            (std::map<std::string, int64_t>{{"haiku", 1'000'000}}));
+  EXPECT_TRUE(cold.cachedWalls());
+
+  // A restored engine reads nothing new; the family count still comes from
+  // a fresh read of the tree.
+  LiveEngine warm(h.options.pricing, "UTC");
+  warm.restore(cold.snapshotForPersistence(h.options.root));
+  auto again = Daemon::initialPass(warm, h.options, kNow, nullptr, nullptr, h.clock);
+  ASSERT_TRUE(again);
+  EXPECT_EQ(again->accumulatorSnapshot.spentUSD, 1.0);
+  EXPECT_EQ(again->odometerBundle.windowedTokensByFamily, pass->odometerBundle.windowedTokensByFamily);
+  EXPECT_EQ(warm.exclusionsSnapshot(), std::nullopt);
+}
+
+TEST(PersistAndRecordTest, CountsEverySaveAndAFailedOneStillClearsDirty) {
+  Harness h;
+  writeFile(h.transcript(), jsonl({dollarTurn(kNow - 3'600'000, "r1")}));
+  LiveEngine engine(h.options.pricing, "UTC");
+  (void)engine.poll(h.options.root, kNow);
+  EXPECT_EQ(engine.persistDiagnostics(), std::nullopt);
+  const int64_t first = Daemon::persistAndRecord(engine, h.options);
+  EXPECT_EQ(first, static_cast<int64_t>(fs::file_size(h.options.scratchPath)));
+  EXPECT_FALSE(engine.isDirty());
+  const int64_t second = Daemon::persistAndRecord(engine, h.options);
+  EXPECT_EQ(engine.persistDiagnostics(), (FeedDiagnosticsPersist{2, second, first + second}));
+
+  DaemonOptions blocked = h.options;
+  writeFile(h.dir.path() / "plain-file", "x");
+  blocked.scratchPath = (h.dir.path() / "plain-file" / "state.json").string();
+  (void)engine.poll(h.options.root, kNow + 86'400'000);  // a new day makes it dirty again
+  ASSERT_TRUE(engine.isDirty());
+  EXPECT_EQ(Daemon::persistAndRecord(engine, blocked), 0);
+  EXPECT_FALSE(engine.isDirty());
+  EXPECT_EQ(engine.persistDiagnostics(), (FeedDiagnosticsPersist{3, 0, first + second}));
+}
+
+}  // namespace
+}  // namespace ostler

@@ -1,0 +1,229 @@
+// The feed's JSON, its lenient reading of older feeds, and the writer.
+#include "daemon/feed.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <filesystem>
+#include <thread>
+
+#include "daemon/feed_writer.h"
+#include "fake_clock.h"
+#include "line_builder.h"
+#include "support/test_support.h"
+
+namespace ostler {
+namespace {
+
+using testing::at;
+using testing::FakeClock;
+using testing::TempDir;
+
+FeedSession row(const std::string& id) {
+  return {id, "proj", 1200, "warm", 0.0045, 0.006, "2026-03-10T10:00:00.000Z", 2, std::nullopt, std::nullopt};
+}
+
+// A feed with every optional key filled.
+Feed fullFeed() {
+  Feed f;
+  f.generated_at = "2026-03-10T12:00:00.000Z";
+  f.odometer = {12.5, 3.25, 1.0, "2026-02-01T00:00:00.000Z"};
+  f.today.spent_usd = 2.5;
+  f.today.avoidable_usd = 0.5;
+  f.today.turns = 7;
+  f.today.tokens_by_family = {{"fable", 0}, {"opus", 900}, {"sonnet", 0}, {"haiku", 0}, {"mystery", 3}};
+  f.today.avoidable_share = 0.2;
+  f.today.avoidable_share_split = {0.12, 0.08};
+  f.today.spent_basis = "windowed";
+  f.today.windowed_computed_at = "2026-03-10T11:59:00.000Z";
+  f.quota = {"2026-03-10T09:00:00Z", "resets 3pm", "2026-03-10T15:00:00.000Z", "org disabled"};
+  FeedSession a = row("a");
+  a.prompt_state = FeedPromptState{"warming", 40, 12};
+  a.nudge_state = FeedNudgeState{"warning", 31};
+  f.sessions = {a, row("b")};
+  f.zero_context_sessions = 3;
+  f.sessions_all = {a, row("b"), row("c")};
+  f.media_loops_active = {{"a", "proj", 6, 0.25, 4000}};
+  f.windows.session.near_limit = true;
+  f.windows.session.authoritative_pct = FeedAuthoritativePct{91.0, "2026-03-10T11:00:00.000Z"};
+  f.windows.month = FeedMonthWindow{3.0, 30, "2026-03-01T00:00:00.000Z", std::nullopt, std::nullopt};
+  f.now = {2, 1500, FeedMacAiSessions{4, "past 7 days"},
+           std::vector<FeedAgentsByModelEntry>{{"opus", 1}, {"pending", 1}}};
+  f.parser_alarm = true;
+  f.setup_tax = FeedSetupTax{20'000, 0.1, 0.006, "2026-03-01T00:00:00.000Z", FeedSetupTaxJump{12'000, 8'000}};
+  f.diagnostics.equality = FeedDiagnosticsEquality{false, -1.5, "2026-03-10T11:59:00.000Z", 1.0, 4};
+  f.diagnostics.persist = FeedDiagnosticsPersist{2, 100, 180};
+  f.diagnostics.exclusions = FeedDiagnosticsExclusions{{1, 0.5}, {0, 0}, {2, 0}, {0, 0}};
+  f.ledger = FeedLedger{1.5, 2, 4.0};
+  return f;
+}
+
+TEST(FeedTest, EmptyOptionalKeysAreLeftOutAndDiagnosticsIsAlwaysAnObject) {
+  Feed f;
+  f.today.spent_basis = "accumulator";
+  f.sessions = {row("a")};
+  const std::string text = encodeFeedJSON(f);
+  EXPECT_EQ(text.find("null"), std::string::npos) << text;
+  nlohmann::json j = nlohmann::json::parse(text);
+  for (const char* absent : {"parser_alarm", "setup_tax", "ledger"}) EXPECT_FALSE(j.contains(absent)) << absent;
+  EXPECT_EQ(j["diagnostics"], nlohmann::json::object());
+  EXPECT_EQ(j["quota"], nlohmann::json::object());
+  EXPECT_FALSE(j["windows"]["session"].contains("near_limit"));
+  EXPECT_FALSE(j["now"].contains("agents_by_model"));
+  EXPECT_FALSE(j["now"].contains("mac_ai_sessions"));
+  EXPECT_FALSE(j["sessions"][0].contains("prompt_state"));
+  EXPECT_FALSE(j["today"].contains("windowed_computed_at"));
+  EXPECT_EQ(j["schema"], "ostler.feed.v0");
+  // An alarm that is off is left out rather than written false.
+  f.parser_alarm = false;
+  EXPECT_FALSE(nlohmann::json::parse(encodeFeedJSON(f)).contains("parser_alarm"));
+  // Pretty-printed, keys sorted, one final line feed.
+  EXPECT_LT(text.find("\n  \"diagnostics\""), text.find("\n  \"generated_at\""));
+  EXPECT_LT(text.find("\"zero_context_sessions\""), text.rfind('}'));
+  EXPECT_EQ(text.back(), '\n');
+}
+
+TEST(FeedTest, EveryKeyRoundTrips) {
+  const Feed f = fullFeed();
+  auto back = decodeFeedJSON(encodeFeedJSON(f));
+  ASSERT_TRUE(back.ok()) << back.error().message;
+  EXPECT_EQ(back.value(), f);
+}
+
+TEST(FeedTest, OlderFeedsDecodeWithTheEmptyDefaults) {
+  nlohmann::json old = {
+      {"schema", "ostler.feed.v-old"},
+      {"generated_at", "2026-03-10T12:00:00.000Z"},
+      {"odometer", toJson(FeedOdometer{})},
+      {"today", {{"spent_usd", 1.25}, {"avoidable_usd", 0.5}, {"turns", 3}}},
+      {"quota", nlohmann::json::object()},
+      {"sessions", {toJson(row("a"))}},
+      {"zero_context_sessions", 0},
+      {"media_loops_active", {{{"sessionId", "a"}, {"project", "p"}, {"images", 5}, {"usd_so_far", 0.1}}}},
+  };
+  auto decoded = decodeFeed(old);
+  ASSERT_TRUE(decoded.ok()) << decoded.error().message;
+  const Feed& f = decoded.value();
+  EXPECT_EQ(f.schema, kFeedSchema);
+  EXPECT_EQ(f.windows, FeedWindows::empty());
+  EXPECT_EQ(f.now, FeedNow{});
+  EXPECT_EQ(f.diagnostics, FeedDiagnostics::empty());
+  EXPECT_TRUE(f.sessions_all.empty());
+  EXPECT_EQ(f.media_loops_active.at(0).tokens_so_far, 0);
+  EXPECT_TRUE(f.today.tokens_by_family.empty());
+  EXPECT_EQ(f.today.avoidable_share, 0);
+  EXPECT_EQ(f.today.avoidable_share_split, (FeedAvoidableShareSplit{0, 0}));
+  EXPECT_EQ(f.today.avoidable_basis, "windowed pass");
+  EXPECT_EQ(f.today.spent_basis_note, kSpentBasisNote);
+  EXPECT_EQ(f.today.spent_basis, std::nullopt);
+  EXPECT_EQ(f.today.turns, 3);
+}
+
+TEST(FeedTest, EverythingElseDecodesStrictly) {
+  const nlohmann::json good = toJson(fullFeed());
+  ASSERT_TRUE(decodeFeed(good).ok());
+  auto fails = [&](auto change) {
+    nlohmann::json j = good;
+    change(j);
+    return !decodeFeed(j).ok();
+  };
+  EXPECT_TRUE(fails([](auto& j) { j.erase("generated_at"); }));
+  EXPECT_TRUE(fails([](auto& j) { j.erase("media_loops_active"); }));
+  EXPECT_TRUE(fails([](auto& j) { j.erase("zero_context_sessions"); }));
+  EXPECT_TRUE(fails([](auto& j) { j["today"].erase("turns"); }));
+  EXPECT_TRUE(fails([](auto& j) { j["odometer"].erase("since"); }));
+  EXPECT_TRUE(fails([](auto& j) { j["sessions"][0]["context_tokens"] = 1.5; }));
+  EXPECT_TRUE(fails([](auto& j) { j["sessions_all"][0].erase("temperature"); }));
+  EXPECT_TRUE(fails([](auto& j) { j["now"].erase("rate_tokens_per_min"); }));
+  EXPECT_TRUE(fails([](auto& j) { j["diagnostics"]["persist"].erase("bytes_last"); }));
+  EXPECT_TRUE(fails([](auto& j) { j["windows"].erase("week"); }));
+  EXPECT_TRUE(fails([](auto& j) { j["parser_alarm"] = "yes"; }));
+  EXPECT_TRUE(fails([](auto& j) { j["today"]["tokens_by_family"]["opus"] = "many"; }));
+  EXPECT_TRUE(fails([](auto& j) { j["ledger"].erase("month_event_count"); }));
+  EXPECT_FALSE(decodeFeedJSON("{\"generated_at\": ").ok());
+}
+
+TEST(FeedEncoderTest, ReusedRowsGiveTheSameBytesAsAFreshEncoding) {
+  FeedEncoder encoder;
+  Feed f = fullFeed();
+  EXPECT_EQ(encoder.encode(f), encodeFeedJSON(f));
+  // A changed row, a new one, a vanished one, and a new order.
+  f.sessions_all[1].temperature = "cold";
+  f.sessions_all[1].project = "with \"quotes\" and\nbreaks";
+  f.sessions_all.push_back(row("d"));
+  f.sessions_all.erase(f.sessions_all.begin());
+  std::swap(f.sessions_all[0], f.sessions_all[1]);
+  EXPECT_EQ(encoder.encode(f), encodeFeedJSON(f));
+  f.sessions_all.clear();
+  EXPECT_EQ(encoder.encode(f), encodeFeedJSON(f));
+  f.sessions_all = {row("b")};
+  EXPECT_EQ(encoder.encode(f), encodeFeedJSON(f));
+}
+
+TEST(FeedWriterTest, DebouncesBelowTheMinimumIntervalAndWritesAtIt) {
+  TempDir dir;
+  FakeClock clock(at("2026-03-10T12:00:00Z"));
+  FeedWriter writer((dir.path() / "feed.json").string(), 1.0, clock);
+  const InstantMs t0 = clock.nowMs();
+  auto first = writer.writeDebounced(fullFeed(), t0);
+  ASSERT_TRUE(first.ok() && first.value());
+  EXPECT_EQ(writer.lastWriteAt(), t0);
+  EXPECT_FALSE(writer.writeDebounced(fullFeed(), t0 + 999).value());
+  clock.advance(1.0);
+  EXPECT_TRUE(writer.writeDebounced(fullFeed(), t0 + 1000).value());
+  EXPECT_EQ(writer.lastWriteAt(), t0 + 1000);
+}
+
+TEST(FeedWriterTest, FileIsOwnerOnlyAndAFailedWriteChangesNothing) {
+  TempDir dir;
+  const auto path = dir.path() / "feed.json";
+  testing::writeFile(path, "old");
+  std::filesystem::permissions(path, std::filesystem::perms(0644));
+  FakeClock clock(at("2026-03-10T12:00:00Z"));
+  FeedWriter writer(path.string(), 1.0, clock);
+  ASSERT_TRUE(writer.writeNow(fullFeed()).ok());
+  struct stat st;
+  ASSERT_EQ(::stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  auto back = decodeFeedJSON(testing::readFile(path));
+  ASSERT_TRUE(back.ok());
+  EXPECT_EQ(back.value(), fullFeed());
+  // Nothing is left behind beside the feed.
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);
+
+  const auto missing = dir.path() / "no-such-folder" / "feed.json";
+  FeedWriter orphan(missing.string(), 1.0, clock);
+  EXPECT_FALSE(orphan.writeNow(fullFeed()).ok());
+  EXPECT_EQ(orphan.lastWriteAt(), std::nullopt);
+  EXPECT_FALSE(std::filesystem::exists(missing.parent_path()));
+}
+
+TEST(FeedWriterTest, AReaderNeverSeesATornFeed) {
+  TempDir dir;
+  const auto path = dir.path() / "feed.json";
+  FeedWriter writer(path.string(), 0.0);
+  ASSERT_TRUE(writer.writeNow(Feed{}).ok());
+  std::atomic<bool> writing{true};
+  std::atomic<int> reads{0}, torn{0};
+  std::thread reader([&] {
+    while (writing) {
+      std::string text = testing::readFile(path);
+      ++reads;
+      if (!decodeFeedJSON(text).ok()) ++torn;
+    }
+  });
+  // Feeds of very different sizes, so that a torn read would show.
+  for (int i = 0; i < 80; ++i) {
+    Feed f = fullFeed();
+    f.sessions_all.assign(static_cast<size_t>(i * 37 % 400), row(std::to_string(i)));
+    ASSERT_TRUE(writer.writeNow(f).ok());
+  }
+  writing = false;
+  reader.join();
+  EXPECT_GT(reads.load(), 0);
+  EXPECT_EQ(torn.load(), 0) << "of " << reads.load() << " reads";
+}
+
+}  // namespace
+}  // namespace ostler

@@ -1,0 +1,166 @@
+// The heavy figures, the today equality check and the published today.
+#include "daemon/odometer.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+
+#include "daemon/live_engine.h"
+#include "daemon/today_equality_check.h"
+#include "line_builder.h"
+#include "meter/meter_engine.h"
+#include "support/test_support.h"
+
+namespace ostler {
+namespace {
+
+using testing::Assistant;
+using testing::assistantLine;
+using testing::at;
+using testing::jsonl;
+using testing::TempDir;
+using testing::Usage;
+using testing::writeFile;
+
+const InstantMs kNow = at("2026-03-10T12:00:00Z");
+
+// What `check` wrote to its log.
+std::string logged(double accumulator, double windowed) {
+  std::FILE* log = std::tmpfile();
+  (void)TodayEqualityCheck::check(accumulator, 0, windowed, kNow, log);
+  std::rewind(log);
+  char buf[512] = {};
+  size_t n = std::fread(buf, 1, sizeof buf - 1, log);
+  std::fclose(log);
+  return std::string(buf, n);
+}
+
+TEST(OdometerTest, BundleRoundsTheStampOnceAfterTheSum) {
+  Receipt lifetime;
+  lifetime.totals.spent_usd = 9.5;
+  lifetime.waste.total_usd = 0.1000004;
+  lifetime.mac_first.total_usd = 0.2000004;
+  lifetime.period.from = "2026-01-01T00:00:00.000Z";
+  Odometer::Bundle b = Odometer::bundle(lifetime, Receipt{}, WindowScan::Walls{}, std::nullopt);
+  // Rounded apart the two would give 0.3; the sum rounds up.
+  EXPECT_DOUBLE_EQ(b.odometer.stamp_usd, 0.300001);
+  EXPECT_EQ(b.odometer, (FeedOdometer{9.5, 0.300001, 0.2000004, "2026-01-01T00:00:00.000Z"}));
+}
+
+TEST(OdometerTest, ComputeRunsEveryJobAndAsksForTokensOnlyWhenTold) {
+  TempDir dir;
+  auto turn = [](const char* ts, const char* rid, const char* model) {
+    Assistant a;
+    a.timestamp = ts;
+    a.requestId = rid;
+    a.model = model;
+    a.usage = Usage{.input = 100, .output = 50, .cacheRead = 1000};
+    return assistantLine(a);
+  };
+  writeFile(dir.path() / "p" / "a.jsonl", jsonl({turn("2026-03-09T10:00:00Z", "r1", "claude-opus-4-1"),
+                                                 turn("2026-03-10T10:00:00Z", "r2", "claude-sonnet-4-5"),
+                                                 turn("2026-03-10T11:00:00Z", "r3", "claude-sonnet-4-5")}));
+  const InstantMs boundary = at("2026-03-10T00:00:00Z");
+  Odometer::Bundle without = Odometer::compute(dir.str(), PricingTable::defaultTable(), boundary, kNow, false, "UTC");
+  EXPECT_EQ(without.windowedTokensByFamily, std::nullopt);
+  EXPECT_EQ(without.lifetimeReceipt.totals.turns, 3);
+  EXPECT_EQ(without.todayWindowedReceipt.totals.turns, 2);
+  EXPECT_EQ(without.odometer.spent_usd, without.lifetimeReceipt.totals.spent_usd);
+  MeterOptions whole;
+  whole.root = dir.str();
+  EXPECT_EQ(without.lifetimeReceipt.totals, MeterEngine::run(whole).totals);
+
+  Odometer::Bundle with = Odometer::compute(dir.str(), PricingTable::defaultTable(), boundary, kNow, true, "UTC");
+  ASSERT_TRUE(with.windowedTokensByFamily);
+  EXPECT_EQ(with.windowedTokensByFamily->at("sonnet"), 2 * 1150);
+  EXPECT_FALSE(with.windowedTokensByFamily->contains("opus"));
+
+  // A day with no lines: both sums are 0 and the check matches.
+  Odometer::Bundle later =
+      Odometer::compute(dir.str(), PricingTable::defaultTable(), at("2026-03-11T00:00:00Z"), at("2026-03-11T06:00:00Z"),
+                        false, "UTC");
+  EXPECT_EQ(later.todayWindowedReceipt.totals.spent_usd, 0);
+  EXPECT_TRUE(TodayEqualityCheck::check(0, 0, later.todayWindowedReceipt.totals.spent_usd, kNow, nullptr).matches);
+}
+
+TEST(TodayEqualityCheckTest, BoundsAreInclusiveAndLopsided) {
+  struct Case {
+    double accumulator, windowed;
+    bool matches;
+  };
+  const Case cases[] = {
+      {4.0, 5.0, true},         // trails by exactly a dollar
+      {4.0, 5.000001, false},   // a millionth more
+      {5.000001, 5.0, true},    // ahead by a millionth
+      {5.000002, 5.0, false},   // ahead by two
+      {0, 0, true},
+      {12.25, 12.25, true},
+  };
+  for (const Case& c : cases) {
+    FeedDiagnosticsEquality d = TodayEqualityCheck::check(c.accumulator, 9, c.windowed, kNow, nullptr);
+    EXPECT_EQ(d.matches, c.matches) << c.accumulator << " against " << c.windowed;
+    EXPECT_DOUBLE_EQ(d.diff_usd, roundUSD(c.accumulator - c.windowed));
+    EXPECT_EQ(d.checked_at, "2026-03-10T12:00:00.000Z");
+    EXPECT_EQ(d.accumulator_spent_usd, c.accumulator);
+    EXPECT_EQ(d.accumulator_turns, 9);
+  }
+  EXPECT_EQ(logged(5.000002, 5.0),
+            "ostlerd: WARNING today equality check diverged: accumulator=5.000002 windowed=5.000000 diff=0.000002\n");
+  EXPECT_EQ(logged(1.5, 3.0),
+            "ostlerd: WARNING today equality check diverged: accumulator=1.500000 windowed=3.000000 diff=-1.500000\n");
+  EXPECT_EQ(logged(3.0, 3.0), "");
+}
+
+TEST(SnapshotTodayTest, FamiliesSharesAndTheSpendBasis) {
+  TempDir dir;
+  Assistant a;
+  a.timestamp = "2026-03-10T10:00:00Z";
+  a.requestId = "r1";
+  a.model = "claude-haiku-4-5";
+  a.usage = Usage{.input = 1'000'000};
+  writeFile(dir.path() / "p" / "a.jsonl", jsonl({assistantLine(a)}));
+  LiveEngine engine(PricingTable::defaultTable(), "UTC");
+
+  // An empty day still names the four families; no spend means no shares,
+  // however many avoidable dollars the windowed receipt found.
+  FeedToday empty = engine.snapshotToday(0.5, 0.25, 0, 0, std::nullopt);
+  EXPECT_EQ(empty.tokens_by_family, (std::map<std::string, int64_t>{{"fable", 0}, {"opus", 0}, {"sonnet", 0}, {"haiku", 0}}));
+  EXPECT_EQ(empty.avoidable_usd, 0.75);
+  EXPECT_EQ(empty.avoidable_share, 0);
+  EXPECT_EQ(empty.avoidable_share_split, (FeedAvoidableShareSplit{0, 0}));
+  EXPECT_EQ(empty.spent_basis, "accumulator");
+
+  (void)engine.poll(dir.str(), kNow);
+  // $1.00 of haiku input. Waste 0.1 + downshift 0.3 are the tier's share,
+  // media reads 0.2 + repeat pipelines 0.4 the Mac's; a share above 1 is
+  // not capped.
+  FeedToday live = engine.snapshotToday(0.1, 0.2, 0.4, 0.3, std::nullopt);
+  EXPECT_EQ(live.spent_usd, 1.0);
+  EXPECT_EQ(live.turns, 1);
+  EXPECT_EQ(live.tokens_by_family.at("haiku"), 1'000'000);
+  EXPECT_DOUBLE_EQ(live.avoidable_usd, 1.0);
+  EXPECT_DOUBLE_EQ(live.avoidable_share, 1.0);
+  EXPECT_EQ(live.avoidable_share_split, (FeedAvoidableShareSplit{0.6, 0.4}));
+  EXPECT_EQ(live.windowed_computed_at, std::nullopt);
+  EXPECT_DOUBLE_EQ(engine.snapshotToday(2.0, 0, 0, 0, std::nullopt).avoidable_share, 2.0);
+
+  LiveEngine::WindowedTodayOverride o{0.5, 4, {{"opus", 77}, {"gemini", 5}}, "2026-03-10T11:59:00.000Z"};
+  FeedToday windowed = engine.snapshotToday(0.1, 0, 0, 0, o);
+  EXPECT_EQ(windowed.spent_usd, 0.5);
+  EXPECT_EQ(windowed.turns, 4);
+  EXPECT_EQ(windowed.tokens_by_family,
+            (std::map<std::string, int64_t>{{"fable", 0}, {"opus", 77}, {"sonnet", 0}, {"haiku", 0}, {"gemini", 5}}));
+  EXPECT_EQ(windowed.spent_basis, "windowed");
+  EXPECT_EQ(windowed.windowed_computed_at, "2026-03-10T11:59:00.000Z");
+  EXPECT_DOUBLE_EQ(windowed.avoidable_share, 0.2);
+  // The override never touches the accumulator.
+  EXPECT_EQ(engine.todayAccumulatorSnapshot().spentUSD, 1.0);
+}
+
+TEST(ISO8601Test, TheEarliestInstantIsWrittenInYearOne) {
+  EXPECT_EQ(ISO8601::fractional(kEarliestInstant), "0001-01-01T00:00:00.000Z");
+  EXPECT_EQ(ISO8601::parse("0001-01-01T00:00:00.000Z"), kEarliestInstant);
+}
+
+}  // namespace
+}  // namespace ostler

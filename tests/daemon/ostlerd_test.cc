@@ -1,0 +1,219 @@
+// The engine executable end to end: it follows a growing tree, publishes
+// whole feeds, stops cleanly on SIGTERM, and a second run picks up its
+// saved state.
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <thread>
+
+#include "daemon/feed.h"
+#include "daemon/persisted_state.h"
+#include "line_builder.h"
+#include "platform/clock.h"
+#include "support/test_support.h"
+
+extern char** environ;
+
+namespace ostler {
+namespace {
+
+namespace fs = std::filesystem;
+using Seconds = std::chrono::duration<double>;
+using testing::TempDir;
+
+// A running ostlerd, killed if a test leaves it running.
+class RunningDaemon {
+ public:
+  RunningDaemon(const std::vector<std::string>& args, const fs::path& logPath) {
+    std::vector<char*> argv;
+    std::string bin = OSTLER_BIN_DIR "/ostlerd";
+    argv.push_back(bin.data());
+    std::vector<std::string> copies = args;
+    for (auto& a : copies) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    if (posix_spawn(&pid_, bin.c_str(), &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
+    posix_spawn_file_actions_destroy(&actions);
+  }
+  ~RunningDaemon() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+  }
+  [[nodiscard]] bool started() const { return pid_ > 0; }
+
+  // Sends SIGTERM and waits up to `timeout`; the exit status, or -1.
+  int terminate(Seconds timeout) {
+    kill(pid_, SIGTERM);
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+      int status = 0;
+      if (waitpid(pid_, &status, WNOHANG) == pid_) {
+        pid_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return -1;
+  }
+
+ private:
+  pid_t pid_ = -1;
+};
+
+// Polls the feed file, decoding every version it reads, on its own thread.
+class FeedWatcher {
+ public:
+  explicit FeedWatcher(fs::path path) : path_(std::move(path)), thread_([this] { run(); }) {}
+  ~FeedWatcher() {
+    stop_ = true;
+    thread_.join();
+  }
+  int reads() const { return reads_; }
+  int torn() const { return torn_; }
+
+ private:
+  void run() {
+    while (!stop_) {
+      std::error_code ec;
+      if (fs::exists(path_, ec)) {
+        ++reads_;
+        if (!decodeFeedJSON(testing::readFile(path_)).ok()) ++torn_;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+  }
+  fs::path path_;
+  std::atomic<bool> stop_{false};
+  std::atomic<int> reads_{0}, torn_{0};
+  std::thread thread_;
+};
+
+// The first feed that satisfies `accept` within `timeout`.
+std::optional<Feed> waitForFeed(const fs::path& path, Seconds timeout, const std::function<bool(const Feed&)>& accept) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (std::chrono::steady_clock::now() < deadline) {
+    std::error_code ec;
+    if (fs::exists(path, ec)) {
+      auto feed = decodeFeedJSON(testing::readFile(path));
+      if (feed.ok() && accept(feed.value())) return feed.value();
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return std::nullopt;
+}
+
+const FeedSession* row(const std::vector<FeedSession>& rows, const std::string& id) {
+  for (const auto& r : rows)
+    if (r.sessionId == id) return &r;
+  return nullptr;
+}
+
+TEST(OstlerdTest, FollowsAGrowingTreeStopsCleanlyAndRestartsFromItsState) {
+  TempDir dir;
+  const fs::path root = dir.path() / "projects";
+  if (!testing::generateTree(root, {"--today", "--seed", "5", "--sessions", "8", "--bad-rate", "0.02"}))
+    GTEST_SKIP() << "transcript generator not available";
+  fs::path transcript;
+  for (const auto& project : fs::directory_iterator(root))
+    for (const auto& entry : fs::directory_iterator(project.path()))
+      if (transcript.empty() && entry.path().extension() == ".jsonl") transcript = entry.path();
+  ASSERT_FALSE(transcript.empty());
+  const std::string sessionId = transcript.stem().string();
+  const fs::path feedPath = dir.path() / "feed.json";
+  const fs::path statePath = dir.path() / "state" / "engine.json";
+  const std::vector<std::string> args = {"--root", root.string(), "--feed", feedPath.string(), "--state",
+                                         statePath.string(), "--interval", "0.2"};
+  FeedWatcher watcher(feedPath);
+
+  Feed before;
+  Feed after;
+  {
+    RunningDaemon daemon(args, dir.path() / "first.log");
+    ASSERT_TRUE(daemon.started());
+    auto first = waitForFeed(feedPath, Seconds(60), [](const Feed&) { return true; });
+    ASSERT_TRUE(first) << testing::readFile(dir.path() / "first.log");
+    before = *first;
+    // A cold start read every line, the tree's bad ones and older days' too.
+    ASSERT_TRUE(before.diagnostics.exclusions);
+    EXPECT_GT(before.diagnostics.exclusions->parse_skip.count, 0);
+    struct stat st;
+    ASSERT_EQ(::stat(feedPath.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+
+    // A new request in one chat, written as Claude Code writes it.
+    const InstantMs stamp = systemClock().nowMs() - 200;
+    testing::Assistant a;
+    a.timestamp = ISO8601::fractional(stamp);
+    a.requestId = "req-appended-by-test";
+    a.model = "claude-sonnet-4-5";
+    a.usage = testing::Usage{.input = 1000, .output = 500, .cacheRead = 20'000, .cache5m = 3'000};
+    const auto appendedAt = std::chrono::steady_clock::now();
+    testing::appendFile(transcript, testing::assistantLine(a) + "\n");
+    auto changed = waitForFeed(feedPath, Seconds(2), [&](const Feed& f) {
+      const FeedSession* r = row(f.sessions_all, sessionId);
+      return f.today.spent_usd > before.today.spent_usd && r != nullptr && r->context_tokens == 24'000 &&
+             r->last_activity == ISO8601::fractional(stamp);
+    });
+    const double latency = Seconds(std::chrono::steady_clock::now() - appendedAt).count();
+    ASSERT_TRUE(changed) << "no feed showed the new request within two seconds:\n" << testing::readFile(feedPath);
+    after = *changed;
+    EXPECT_EQ(after.today.turns, before.today.turns + 1);
+    const FeedSession* recent = row(after.sessions, sessionId);
+    ASSERT_NE(recent, nullptr) << "a chat active a moment ago is among the recent ones";
+    EXPECT_EQ(recent->temperature, "warm");
+    RecordProperty("latency_seconds", std::to_string(latency));
+
+    EXPECT_EQ(daemon.terminate(Seconds(10)), 0) << testing::readFile(dir.path() / "first.log");
+  }
+  // The state holds the appended line's offset.
+  auto saved = PersistedStateIO::load(statePath.string(), root.string());
+  ASSERT_TRUE(saved);
+  EXPECT_EQ(saved->fileOffsets.at(transcript.string()), static_cast<int64_t>(fs::file_size(transcript)));
+
+  fs::remove(feedPath);
+  {
+    RunningDaemon daemon(args, dir.path() / "second.log");
+    ASSERT_TRUE(daemon.started());
+    auto restarted = waitForFeed(feedPath, Seconds(60), [](const Feed&) { return true; });
+    ASSERT_TRUE(restarted) << testing::readFile(dir.path() / "second.log");
+    // Restored, not cold: no line was read again, so nothing was excluded,
+    // and today's figures carry on from the first run.
+    EXPECT_EQ(restarted->diagnostics.exclusions, std::nullopt);
+    EXPECT_EQ(restarted->today.spent_usd, after.today.spent_usd);
+    EXPECT_EQ(restarted->today.turns, after.today.turns);
+    const FeedSession* r = row(restarted->sessions_all, sessionId);
+    ASSERT_NE(r, nullptr);
+    EXPECT_EQ(r->context_tokens, 24'000);
+    EXPECT_EQ(daemon.terminate(Seconds(10)), 0) << testing::readFile(dir.path() / "second.log");
+  }
+  EXPECT_GT(watcher.reads(), 10);
+  EXPECT_EQ(watcher.torn(), 0) << "of " << watcher.reads() << " reads";
+}
+
+TEST(OstlerdTest, UsageErrorsExitTwoWithOneLine) {
+  std::string out;
+  const std::string bin = OSTLER_BIN_DIR "/ostlerd";
+  EXPECT_EQ(testing::runCommand("'" + bin + "' --interval -1 2>&1", &out), 2);
+  EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1) << out;
+  EXPECT_EQ(out.rfind("ostlerd: ", 0), 0u) << out;
+  out.clear();
+  EXPECT_EQ(testing::runCommand("'" + bin + "' --no-such-flag 2>&1", &out), 2);
+  EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1) << out;
+}
+
+}  // namespace
+}  // namespace ostler
