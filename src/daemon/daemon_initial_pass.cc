@@ -45,15 +45,14 @@ std::optional<InitialPassResult> initialPass(LiveEngine& engine, const DaemonOpt
               result.accumulatorSnapshot = engine.todayAccumulatorSnapshot();
               if (coldStart) tokens = engine.todayTokensByFamily();
             }),
+      // Both receipts come from one reading of the tree, so the two timings
+      // are the same figure.
       timed(&result.lifetimeSeconds,
             [&] {
-              MeterOptions meter;
-              meter.root = options.root;
-              meter.pricing = options.pricing;
-              lifetime = MeterEngine::run(meter, onProgress);
+              auto receipts = Odometer::lifetimeAndToday(options.root, options.pricing, boundary, now, onProgress);
+              lifetime = std::move(receipts.lifetime);
+              today = std::move(receipts.today);
             }),
-      timed(&result.todayWindowedSeconds,
-            [&] { today = MeterEngine::run(Odometer::todayOptions(options.root, options.pricing, boundary, now)); }),
       timed(&result.windowScanSeconds,
             [&] { walls = WindowScan::walls(WindowScan::scan(options.root, options.pricing)); }),
   };
@@ -78,6 +77,7 @@ std::optional<InitialPassResult> initialPass(LiveEngine& engine, const DaemonOpt
       running.wait();
     }
   }
+  result.todayWindowedSeconds = result.lifetimeSeconds;
   if (stopped) return std::nullopt;
 
   result.odometerBundle = Odometer::bundle(std::move(lifetime), std::move(today), walls, std::move(tokens));

@@ -30,19 +30,22 @@ MeterOptions todayOptions(const std::string& root, const PricingTable& pricing, 
   return options;
 }
 
+MeterPair lifetimeAndToday(const std::string& root, const PricingTable& pricing, InstantMs boundary, InstantMs now,
+                           const ProgressCallback& onProgress) {
+  MeterOptions lifetime;
+  lifetime.root = root;
+  lifetime.pricing = pricing;
+  std::vector<MeterRun> runs = MeterEngine::runAll({lifetime, todayOptions(root, pricing, boundary, now)}, onProgress);
+  return {std::move(runs[0].receipt), std::move(runs[1].receipt)};
+}
+
 Bundle compute(const std::string& root, const PricingTable& pricing, InstantMs boundary, InstantMs now,
                bool computeWindowedTokensByFamily, const std::string& timeZoneId) {
-  Receipt lifetime, today;
+  MeterPair receipts;
   WindowScan::Walls walls;
   std::optional<std::map<std::string, int64_t>> tokens;
   std::vector<std::function<void()>> jobs = {
-      [&] {
-        MeterOptions options;
-        options.root = root;
-        options.pricing = pricing;
-        lifetime = MeterEngine::run(options);
-      },
-      [&] { today = MeterEngine::run(todayOptions(root, pricing, boundary, now)); },
+      [&] { receipts = lifetimeAndToday(root, pricing, boundary, now); },
       [&] { walls = WindowScan::walls(WindowScan::scan(root, pricing)); },
   };
   if (computeWindowedTokensByFamily)
@@ -51,7 +54,7 @@ Bundle compute(const std::string& root, const PricingTable& pricing, InstantMs b
     ParallelJobs running(std::move(jobs));
     running.wait();
   }
-  return bundle(std::move(lifetime), std::move(today), std::move(walls), std::move(tokens));
+  return bundle(std::move(receipts.lifetime), std::move(receipts.today), std::move(walls), std::move(tokens));
 }
 
 }  // namespace ostler::Odometer

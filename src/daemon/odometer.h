@@ -35,6 +35,16 @@ struct Bundle {
 [[nodiscard]] MeterOptions todayOptions(const std::string& root, const PricingTable& pricing, InstantMs boundary,
                                         InstantMs now);
 
+struct MeterPair {
+  Receipt lifetime;
+  Receipt today;
+};
+// The lifetime receipt and today's, on one reading of the tree: the two
+// passes differ only in their bounds, so each file is read and decoded once
+// for both. `onProgress` follows the lifetime pass.
+[[nodiscard]] MeterPair lifetimeAndToday(const std::string& root, const PricingTable& pricing, InstantMs boundary,
+                                         InstantMs now, const ProgressCallback& onProgress = nullptr);
+
 // Runs the lifetime pass, today's pass, the window scan and, with
 // `computeWindowedTokensByFamily`, a throw-away engine's read of today's
 // tokens (in the zone `timeZoneId`), all at once, and blocks until they are

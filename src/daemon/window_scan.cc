@@ -13,6 +13,7 @@
 #include "daemon/tail_reader.h"
 #include "daemon/today_share.h"
 #include "daemon/wall_learner.h"
+#include "meter/byte_search.h"
 #include "meter/text.h"
 
 namespace ostler::WindowScan {
@@ -131,7 +132,8 @@ Result scan(const std::string& root, const PricingTable& pricing) {
     FileFold fold(pricing, seen, result.events);
     while (auto raw = reader->nextLine()) {
       std::string_view trimmed = text::trimSpacesAndTabs(*raw);
-      if (trimmed.empty() || !decoder.decode(trimmed, true, &line)) continue;
+      // Only assistant lines count; the others need no decoding.
+      if (trimmed.empty() || !mayBeAssistantLine(trimmed) || !decoder.decode(trimmed, true, &line)) continue;
       if (line.type != "assistant" || !line.timestamp) continue;
       auto ts = ISO8601::parse(*line.timestamp);
       if (!ts) continue;

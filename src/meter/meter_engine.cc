@@ -104,8 +104,7 @@ bool ProgressThrottle::shouldReport(bool force) {
   return true;
 }
 
-FileDigest digestFile(const std::string& path, const RangeBounds& bounds, const FileSlice& slice,
-                      FileDigest storage) {
+FileDigest digestFile(const std::string& path, const FileSlice& slice, FileDigest storage) {
   FileDigest digest = std::move(storage);
   digest.clear();
   auto reader = openSlice(path, slice);
@@ -121,7 +120,7 @@ FileDigest digestFile(const std::string& path, const RangeBounds& bounds, const 
     std::string_view trimmed = text::trimSpacesAndTabs(*line);
     if (trimmed.empty()) continue;
     if (decoder.decode(trimmed, true, &raw))
-      appendDigestLine(raw, lineNumber, bounds, digest);
+      appendDigestLine(raw, lineNumber, digest);
     else
       appendSkippedLine(lineNumber, digest);
   }
@@ -129,7 +128,7 @@ FileDigest digestFile(const std::string& path, const RangeBounds& bounds, const 
   return digest;
 }
 
-FileBashScan scanFileForBash(const std::string& path, const RangeBounds& bounds, const FileSlice& slice) {
+FileBashScan scanFileForBash(const std::string& path, const FileSlice& slice) {
   FileBashScan scan;
   auto reader = openSlice(path, slice);
   if (!reader) return scan;
@@ -143,11 +142,12 @@ FileBashScan scanFileForBash(const std::string& path, const RangeBounds& bounds,
     if (trimmed.empty() || !mayBeAssistantLine(trimmed)) continue;
     if (!decoder.decode(trimmed, true, &raw)) continue;
     if (raw.type != "assistant") continue;
-    std::optional<InstantMs> instant;
-    if (raw.timestamp) instant = ISO8601::parse(*raw.timestamp);
-    if (!bounds.contains(raw.timestamp, instant)) continue;
     BashScanLine& out = scan.lines.emplace_back();
     if (raw.requestId) out.requestId = scan.strings.store(*raw.requestId);
+    if (raw.timestamp) {
+      out.timestamp = scan.strings.store(*raw.timestamp);
+      out.instant = ISO8601::parse(*raw.timestamp);
+    }
     if (!raw.message || !raw.message->content) continue;
     for (const auto& block : *raw.message->content) {
       if (block.type == "tool_use" && block.name == "Bash" && block.input && block.input->command)
@@ -157,121 +157,194 @@ FileBashScan scanFileForBash(const std::string& path, const RangeBounds& bounds,
   return scan;
 }
 
-void scanBashOccurrences(const std::vector<SessionGroup>& groups, const MeterOptions& options,
-                         GlobalAggregator& agg, int64_t totalFiles, const ProgressCallback& onProgress,
-                         const Clock& clock) {
-  const RangeBounds bounds = RangeBounds::from(options);
-  const Plan plan = planFiles(groups);
-  OrderedWork<FileBashScan> work(
-      plan.slices.size(),
-      [&](size_t i) { return scanFileForBash(*plan.slices[i].first, bounds, plan.slices[i].second); },
-      workerThreads(), kWindow);
+namespace {
 
-  std::unordered_map<uint64_t, std::vector<int64_t>> occurrences;
-  IdSet seen;
-  int64_t counter = 0, filesOpened = 0;
+// Pass one for one pass of a reading: occurrences numbered over the lines in
+// its range, with its own set of request ids.
+class BashOccurrences {
+ public:
+  BashOccurrences(const RangeBounds& bounds, GlobalAggregator& agg) : bounds_(bounds), agg_(agg) {}
+
+  void beginFile() {
+    current_.reset();
+    currentIsRepeat_ = false;
+  }
+
+  void fold(const FileBashScan& scan) {
+    for (const BashScanLine& line : scan.lines) {
+      if (!bounds_.contains(line.timestamp, line.instant)) continue;
+      // Only lines that make or continue a turn count, as pass two decides.
+      if (!line.requestId || line.requestId->empty()) {
+        current_.reset();
+        currentIsRepeat_ = false;
+      } else if (current_ && *current_ == *line.requestId) {
+        if (currentIsRepeat_) continue;
+      } else {
+        current_ = std::string(*line.requestId);
+        currentIsRepeat_ = !seen_.insert(*current_);
+        if (currentIsRepeat_) continue;
+      }
+      for (uint64_t hash : line.templateHashes) {
+        occurrences_[hash].push_back(counter_);
+        agg_.r2TemplateForIndex.push_back(hash);
+        ++counter_;
+      }
+    }
+  }
+
+  // A template run three times or more qualifies every run but its first.
+  void finish() {
+    agg_.r2QualifyingIndices.assign(static_cast<size_t>(counter_), false);
+    for (const auto& [hash, list] : occurrences_) {
+      if (list.size() < 3) continue;
+      agg_.r2TemplateOccCount[hash] = static_cast<int64_t>(list.size());
+      for (size_t k = 1; k < list.size(); ++k) agg_.r2QualifyingIndices[static_cast<size_t>(list[k])] = true;
+    }
+  }
+
+ private:
+  const RangeBounds& bounds_;
+  GlobalAggregator& agg_;
+  std::unordered_map<uint64_t, std::vector<int64_t>> occurrences_;
+  IdSet seen_;
+  int64_t counter_ = 0;
+  std::optional<std::string> current_;  // the file's open request
+  bool currentIsRepeat_ = false;
+};
+
+// Pass one over a reading shared by `counts`.
+void scanPassOne(const Plan& plan, std::vector<BashOccurrences>& counts, int64_t totalFiles,
+                 const ProgressCallback& onProgress, const Clock& clock) {
+  OrderedWork<FileBashScan> work(
+      plan.slices.size(), [&](size_t i) { return scanFileForBash(*plan.slices[i].first, plan.slices[i].second); },
+      workerThreads(), kWindow);
+  int64_t filesOpened = 0;
   ProgressThrottle throttle(clock);
   for (const FileTask& file : plan.files) {
     bool opened = false;
-    std::optional<std::string> current;  // the file's open request
-    bool currentIsRepeat = false;
+    for (auto& c : counts) c.beginFile();
     for (size_t s = 0; s < file.sliceCount; ++s) {
       FileBashScan scan = work.take(file.firstSlice + s);
       if (s == 0) opened = scan.opened;
       if (!opened) continue;
-      for (const BashScanLine& line : scan.lines) {
-        if (!line.requestId || line.requestId->empty()) {
-          current.reset();
-          currentIsRepeat = false;
-        } else if (current && *current == *line.requestId) {
-          if (currentIsRepeat) continue;
-        } else {
-          current = std::string(*line.requestId);
-          currentIsRepeat = !seen.insert(*current);
-          if (currentIsRepeat) continue;
-        }
-        for (uint64_t hash : line.templateHashes) {
-          occurrences[hash].push_back(counter);
-          agg.r2TemplateForIndex.push_back(hash);
-          ++counter;
-        }
-      }
+      for (auto& c : counts) c.fold(scan);
     }
     if (!opened) continue;
     ++filesOpened;
     if (onProgress && throttle.shouldReport(filesOpened == totalFiles)) onProgress({filesOpened, totalFiles, 0});
   }
-  agg.r2QualifyingIndices.assign(static_cast<size_t>(counter), false);
-  for (const auto& [hash, list] : occurrences) {
-    if (list.size() < 3) continue;
-    agg.r2TemplateOccCount[hash] = static_cast<int64_t>(list.size());
-    for (size_t k = 1; k < list.size(); ++k) agg.r2QualifyingIndices[static_cast<size_t>(list[k])] = true;
+  for (auto& c : counts) c.finish();
+}
+
+}  // namespace
+
+void scanBashOccurrences(const std::vector<SessionGroup>& groups, const MeterOptions& options,
+                         GlobalAggregator& agg, int64_t totalFiles, const ProgressCallback& onProgress,
+                         const Clock& clock) {
+  const RangeBounds bounds = RangeBounds::from(options);
+  std::vector<BashOccurrences> counts;
+  counts.emplace_back(bounds, agg);
+  scanPassOne(planFiles(groups), counts, totalFiles, onProgress, clock);
+}
+
+void beginFile(FileFold& fold) {
+  fold.state->resetForFile();
+  fold.lastSessionId.clear();
+}
+
+void foldFileLines(const FileDigest& digest, FileFold& fold) {
+  SessionState& state = *fold.state;
+  GlobalAggregator& agg = *fold.agg;
+  for (const MeterLine& line : digest.lines) {
+    if (line.kind == MeterLine::Kind::kSkipped) {
+      agg.skippedLines += 1;
+      continue;
+    }
+    // Ids and the project are noted from every line, in range or not.
+    if (!line.sessionId.empty() && line.sessionId != fold.lastSessionId) {
+      fold.lastSessionId = std::string(line.sessionId);
+      state.sessionIdsSeen.emplace(fold.lastSessionId);
+      agg.allSessionIds.insert(fold.lastSessionId);
+    }
+    if (state.project.empty() && !line.cwd.empty()) state.project = std::string(text::lastPathComponent(line.cwd));
+    if (line.dispatch == MeterLine::Dispatch::kNone || !fold.bounds->contains(line.timestamp, line.instant)) continue;
+    switch (line.dispatch) {
+      case MeterLine::Dispatch::kAssistant:
+        dispatchAssistantLine(line, state, fold.isSubagentFile, *fold.options, agg);
+        break;
+      case MeterLine::Dispatch::kUser:
+        processUser(line, fold.path, line.lineNumber, state);
+        break;
+      case MeterLine::Dispatch::kSystem:
+        processSystem(line, state, *fold.options, agg);
+        break;
+      case MeterLine::Dispatch::kNone:
+      case MeterLine::Dispatch::kOther:
+        break;
+    }
   }
 }
 
-void processFile(const std::function<FileDigest()>& nextSlice, size_t sliceCount, const std::string& path,
-                 SessionState& state, bool isSubagentFile, const MeterOptions& options, GlobalAggregator& agg,
-                 const std::function<void(FileDigest&&)>& done) {
-  auto release = [&](FileDigest&& d) {
-    if (done) done(std::move(d));
-  };
-  std::string lastId;  // ids repeat line after line; note each run once
-  for (size_t s = 0; s < sliceCount; ++s) {
-    FileDigest digest = nextSlice();
-    if (s == 0) {
-      if (!digest.opened) {
-        release(std::move(digest));
-        for (++s; s < sliceCount; ++s) release(nextSlice());
-        return;
-      }
-      state.resetForFile();
-    }
-    for (const MeterLine& line : digest.lines) {
-      if (line.kind == MeterLine::Kind::kSkipped) {
-        agg.skippedLines += 1;
-        continue;
-      }
-      if (!line.sessionId.empty() && line.sessionId != lastId) {
-        lastId = std::string(line.sessionId);
-        state.sessionIdsSeen.emplace(lastId);
-        agg.allSessionIds.insert(lastId);
-      }
-      if (state.project.empty() && !line.cwd.empty())
-        state.project = std::string(text::lastPathComponent(line.cwd));
-      switch (line.dispatch) {
-        case MeterLine::Dispatch::kAssistant:
-          dispatchAssistantLine(line, state, isSubagentFile, options, agg);
-          break;
-        case MeterLine::Dispatch::kUser:
-          processUser(line, path, line.lineNumber, state);
-          break;
-        case MeterLine::Dispatch::kSystem:
-          processSystem(line, state, options, agg);
-          break;
-        case MeterLine::Dispatch::kNone:
-        case MeterLine::Dispatch::kOther:
-          break;
-      }
-    }
-    release(std::move(digest));
-  }
-  closeOpenGroup(state, options, agg);
-  if (isSubagentFile) dispatchUnitCheck(state, options.pricing, agg);
+void endFile(FileFold& fold) {
+  closeOpenGroup(*fold.state, *fold.options, *fold.agg);
+  if (fold.isSubagentFile) dispatchUnitCheck(*fold.state, fold.options->pricing, *fold.agg);
 }
 
 namespace {
 
-// Pass two over one group; `fold(path, isSubagent)` folds one file.
-template <typename FoldFile>
-void foldGroup(const SessionGroup& group, GlobalAggregator& agg, SessionState& state, FoldFile&& fold) {
-  if (group.mainFile) fold(*group.mainFile, false);
-  for (const auto& path : group.subagentFiles) {
-    const int64_t before = state.turnCount;
-    fold(path, true);
-    agg.subagentFiles += 1;
-    agg.subagentTurns += state.turnCount - before;
+// One pass's share of a reading: its options, bounds, aggregator, and the
+// session being folded.
+struct Pass {
+  const MeterOptions* options = nullptr;
+  RangeBounds bounds;
+  GlobalAggregator* agg = nullptr;
+  SessionState state;
+};
+
+// Folds one file into every pass. `nextSlice()` gives the digests of the
+// file's `sliceCount` slices in order; each goes to `release` once every pass
+// has folded it. A file that cannot be opened counts nothing, but as a
+// subagent file of the group.
+template <typename NextSlice, typename Release>
+void foldFile(const std::string& path, bool isSubagent, size_t sliceCount, std::vector<Pass>& passes,
+              NextSlice&& nextSlice, Release&& release) {
+  std::vector<FileFold> folds;
+  std::vector<int64_t> turnsBefore;
+  for (auto& p : passes) {
+    folds.push_back({&p.state, p.agg, p.options, &p.bounds, path, isSubagent, {}});
+    turnsBefore.push_back(p.state.turnCount);
   }
-  finalizeSession(state, std::string(text::lastPathComponent(group.projectDirPath)), agg);
+  bool opened = true;
+  for (size_t s = 0; s < sliceCount; ++s) {
+    FileDigest digest = nextSlice();
+    if (s == 0) {
+      opened = digest.opened;
+      if (opened)
+        for (auto& f : folds) beginFile(f);
+    }
+    if (opened)
+      for (auto& f : folds) foldFileLines(digest, f);
+    release(std::move(digest));
+  }
+  if (opened)
+    for (auto& f : folds) endFile(f);
+  if (!isSubagent) return;
+  for (size_t i = 0; i < passes.size(); ++i) {
+    passes[i].agg->subagentFiles += 1;
+    passes[i].agg->subagentTurns += passes[i].state.turnCount - turnsBefore[i];
+  }
+}
+
+void startGroup(const SessionGroup& group, std::vector<Pass>& passes) {
+  for (auto& p : passes) {
+    p.state = SessionState{};
+    p.state.sessionId = group.sessionId;
+  }
+}
+
+void finishGroup(const SessionGroup& group, std::vector<Pass>& passes) {
+  const std::string folderName(text::lastPathComponent(group.projectDirPath));
+  for (auto& p : passes) finalizeSession(p.state, folderName, *p.agg);
 }
 
 MediaLoopDetailRecord loopRecord(const MediaLoopCandidate& c) {
@@ -279,60 +352,89 @@ MediaLoopDetailRecord loopRecord(const MediaLoopCandidate& c) {
           c.fileCount};
 }
 
-}  // namespace
-
-void processSessionGroup(const SessionGroup& group, const MeterOptions& options, GlobalAggregator& agg) {
-  const RangeBounds bounds = RangeBounds::from(options);
-  SessionGroup sorted = group;
-  std::sort(sorted.subagentFiles.begin(), sorted.subagentFiles.end());
-  SessionState state;
-  state.sessionId = sorted.sessionId;
-  foldGroup(sorted, agg, state, [&](const std::string& path, bool isSubagent) {
-    processFile([&] { return digestFile(path, bounds); }, 1, path, state, isSubagent, options, agg);
-  });
-}
-
-namespace MeterEngine {
-
-MeterRun runWithLoopDetail(const MeterOptions& options, const ProgressCallback& onProgress, const Clock& clock) {
-  GlobalAggregator agg;
-  const std::vector<SessionGroup> groups = sortedGroups(options.root);
-  const int64_t totalFiles = countFiles(groups);
-
-  scanBashOccurrences(groups, options, agg, totalFiles, onProgress, clock);
-
-  const RangeBounds bounds = RangeBounds::from(options);
-  const Plan plan = planFiles(groups);
-  Recycler<FileDigest> spent;
-  OrderedWork<FileDigest> work(
-      plan.slices.size(),
-      [&](size_t i) { return digestFile(*plan.slices[i].first, bounds, plan.slices[i].second, spent.take()); },
-      workerThreads(), kWindow);
-  auto giveBack = [&](FileDigest&& d) { spent.give(std::move(d)); };
-  size_t nextFile = 0;
-  ProgressThrottle throttle(clock);
-  for (size_t g = 0; g < groups.size(); ++g) {
-    SessionState state;
-    state.sessionId = groups[g].sessionId;
-    foldGroup(groups[g], agg, state, [&](const std::string& path, bool isSubagent) {
-      const FileTask& file = plan.files[nextFile++];
-      size_t slice = file.firstSlice;
-      processFile([&] { return work.take(slice++); }, file.sliceCount, path, state, isSubagent, options, agg,
-                  giveBack);
-    });
-    if (onProgress && throttle.shouldReport(g + 1 == groups.size()))
-      onProgress({totalFiles, totalFiles, agg.tokensMetered()});
-  }
-
-  MeterRun out;
-  out.receipt = buildReceipt(agg, options, ISO8601::whole(clock.nowMs()));
+// Every media loop, largest kept dollars first, ties by session id.
+std::vector<MediaLoopDetailRecord> loopDetail(const GlobalAggregator& agg) {
   std::vector<MediaLoopCandidate> loops = agg.mediaLoopCandidates;
   std::stable_sort(loops.begin(), loops.end(), [](const MediaLoopCandidate& a, const MediaLoopCandidate& b) {
     if (a.usd != b.usd) return a.usd > b.usd;
     return a.sessionId < b.sessionId;
   });
-  for (const auto& c : loops) out.loopDetail.push_back(loopRecord(c));
+  std::vector<MediaLoopDetailRecord> out;
+  for (const auto& c : loops) out.push_back(loopRecord(c));
   return out;
+}
+
+}  // namespace
+
+void processSessionGroup(const SessionGroup& group, const MeterOptions& options, GlobalAggregator& agg) {
+  SessionGroup sorted = group;
+  std::sort(sorted.subagentFiles.begin(), sorted.subagentFiles.end());
+  std::vector<Pass> passes(1);
+  passes[0].options = &options;
+  passes[0].bounds = RangeBounds::from(options);
+  passes[0].agg = &agg;
+  startGroup(sorted, passes);
+  auto fold = [&](const std::string& path, bool isSubagent) {
+    foldFile(path, isSubagent, 1, passes, [&] { return digestFile(path); }, [](FileDigest&&) {});
+  };
+  if (sorted.mainFile) fold(*sorted.mainFile, false);
+  for (const auto& path : sorted.subagentFiles) fold(path, true);
+  finishGroup(sorted, passes);
+}
+
+namespace MeterEngine {
+
+std::vector<MeterRun> runAll(const std::vector<MeterOptions>& passList, const ProgressCallback& onProgress,
+                             const Clock& clock) {
+  if (passList.empty()) return {};
+  const std::vector<SessionGroup> groups = sortedGroups(passList.front().root);
+  const int64_t totalFiles = countFiles(groups);
+  const Plan plan = planFiles(groups);
+  std::vector<GlobalAggregator> aggs(passList.size());
+  std::vector<Pass> passes(passList.size());
+  for (size_t i = 0; i < passList.size(); ++i) {
+    passes[i].options = &passList[i];
+    passes[i].bounds = RangeBounds::from(passList[i]);
+    passes[i].agg = &aggs[i];
+  }
+
+  // Pass one must end before pass two starts: whether a command qualifies
+  // depends on its runs later in the tree.
+  std::vector<BashOccurrences> counts;
+  for (auto& p : passes) counts.emplace_back(p.bounds, *p.agg);
+  scanPassOne(plan, counts, totalFiles, onProgress, clock);
+
+  Recycler<FileDigest> spent;
+  OrderedWork<FileDigest> work(
+      plan.slices.size(),
+      [&](size_t i) { return digestFile(*plan.slices[i].first, plan.slices[i].second, spent.take()); },
+      workerThreads(), kWindow);
+  auto giveBack = [&](FileDigest&& d) { spent.give(std::move(d)); };
+  size_t nextFile = 0;
+  ProgressThrottle throttle(clock);
+  for (size_t g = 0; g < groups.size(); ++g) {
+    startGroup(groups[g], passes);
+    auto fold = [&](const std::string& path, bool isSubagent) {
+      const FileTask& file = plan.files[nextFile++];
+      size_t slice = file.firstSlice;
+      foldFile(path, isSubagent, file.sliceCount, passes, [&] { return work.take(slice++); }, giveBack);
+    };
+    if (groups[g].mainFile) fold(*groups[g].mainFile, false);
+    for (const auto& path : groups[g].subagentFiles) fold(path, true);
+    finishGroup(groups[g], passes);
+    if (onProgress && throttle.shouldReport(g + 1 == groups.size()))
+      onProgress({totalFiles, totalFiles, aggs.front().tokensMetered()});
+  }
+
+  const std::string generatedAt = ISO8601::whole(clock.nowMs());
+  std::vector<MeterRun> runs;
+  for (size_t i = 0; i < passes.size(); ++i)
+    runs.push_back({buildReceipt(aggs[i], passList[i], generatedAt), loopDetail(aggs[i])});
+  return runs;
+}
+
+MeterRun runWithLoopDetail(const MeterOptions& options, const ProgressCallback& onProgress, const Clock& clock) {
+  return std::move(runAll({options}, onProgress, clock).front());
 }
 
 Receipt run(const MeterOptions& options, const ProgressCallback& onProgress, const Clock& clock) {

@@ -55,12 +55,12 @@ struct FileSlice {
 [[nodiscard]] std::vector<FileSlice> sliceFile(uint64_t fileSize, uint64_t sliceBytes);
 
 // Pass two's digest of one slice. Line numbers keep the file's order across
-// slices (the slice index in the high bits).
-// `storage` is a spent digest whose buffers are reused.
-[[nodiscard]] FileDigest digestFile(const std::string& path, const RangeBounds& bounds,
-                                    const FileSlice& slice = {0, UINT64_MAX, 0}, FileDigest storage = {});
-[[nodiscard]] FileBashScan scanFileForBash(const std::string& path, const RangeBounds& bounds,
-                                           const FileSlice& slice = {0, UINT64_MAX, 0});
+// slices (the slice index in the high bits). `storage` is a spent digest
+// whose buffers are reused.
+[[nodiscard]] FileDigest digestFile(const std::string& path, const FileSlice& slice = {0, UINT64_MAX, 0},
+                                    FileDigest storage = {});
+// Pass one's reading of one slice: its assistant lines, dated.
+[[nodiscard]] FileBashScan scanFileForBash(const std::string& path, const FileSlice& slice = {0, UINT64_MAX, 0});
 
 struct MeterRun {
   Receipt receipt;
@@ -78,19 +78,37 @@ namespace MeterEngine {
 [[nodiscard]] MeterRun runWithLoopDetail(const MeterOptions& options, const ProgressCallback& onProgress = nullptr,
                                          const Clock& clock = systemClock());
 
+// Several passes over the same tree with their own bounds (and tables), on
+// one reading of it: each file is read and decoded once and folded into
+// every pass. All passes read the root of the first; the results come in the
+// order of `passes`, each exactly as its own run would give it. Progress is
+// that of the first pass.
+[[nodiscard]] std::vector<MeterRun> runAll(const std::vector<MeterOptions>& passes,
+                                           const ProgressCallback& onProgress = nullptr,
+                                           const Clock& clock = systemClock());
+
 }  // namespace MeterEngine
 
-// Pass one: numbers every Bash occurrence and marks the repeats.
+// Pass one: numbers every Bash occurrence in range and marks the repeats.
 void scanBashOccurrences(const std::vector<SessionGroup>& groups, const MeterOptions& options,
                          GlobalAggregator& agg, int64_t totalFiles, const ProgressCallback& onProgress,
                          const Clock& clock);
 
-// Folds one file's lines into the session; `nextSlice` gives the digests of
-// its `sliceCount` slices in order.
-// Each digest is handed to `done` once folded (when given).
-void processFile(const std::function<FileDigest()>& nextSlice, size_t sliceCount, const std::string& path,
-                 SessionState& state, bool isSubagentFile, const MeterOptions& options, GlobalAggregator& agg,
-                 const std::function<void(FileDigest&&)>& done = nullptr);
+// Folds one file's lines into a session, as three steps so that one
+// digest can serve several passes: `beginFile` before the first slice,
+// `foldFileLines` for each slice in order, `endFile` after the last.
+struct FileFold {
+  SessionState* state;
+  GlobalAggregator* agg;
+  const MeterOptions* options;
+  const RangeBounds* bounds;
+  std::string path;
+  bool isSubagentFile = false;
+  std::string lastSessionId;  // ids repeat line after line; each run is noted once
+};
+void beginFile(FileFold& fold);
+void foldFileLines(const FileDigest& digest, FileFold& fold);
+void endFile(FileFold& fold);
 
 // Reads and folds every file of a group, then finalizes the session.
 void processSessionGroup(const SessionGroup& group, const MeterOptions& options, GlobalAggregator& agg);

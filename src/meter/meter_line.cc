@@ -81,8 +81,7 @@ void appendSkippedLine(int64_t lineNumber, FileDigest& digest) {
   m.toolResultBegin = static_cast<uint32_t>(digest.toolResults.size());
 }
 
-void appendDigestLine(const RawTranscriptLine& line, int64_t lineNumber, const RangeBounds& bounds,
-                      FileDigest& digest) {
+void appendDigestLine(const RawTranscriptLine& line, int64_t lineNumber, FileDigest& digest) {
   StringArena& strings = digest.strings;
   auto keep = [&](std::string_view s) { return strings.store(s); };
   auto keepOpt = [&](const std::optional<std::string_view>& s) -> std::optional<std::string_view> {
@@ -101,7 +100,6 @@ void appendDigestLine(const RawTranscriptLine& line, int64_t lineNumber, const R
     m.cwd = previous && previous->cwd == *line.cwd ? previous->cwd : keep(*line.cwd);
   if (!line.type) return;
   if (line.timestamp) m.instant = ISO8601::parse(*line.timestamp);
-  if (!bounds.contains(line.timestamp, m.instant)) return;
   m.timestamp = keepOpt(line.timestamp);
 
   std::string_view type = *line.type;

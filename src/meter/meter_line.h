@@ -40,7 +40,7 @@ struct MeterLine {
   enum class Dispatch : uint8_t { kNone, kAssistant, kUser, kSystem, kOther };
 
   Kind kind = Kind::kDecoded;
-  Dispatch dispatch = Dispatch::kNone;  // kNone: no `type`, or out of range
+  Dispatch dispatch = Dispatch::kNone;  // kNone: no `type`; the date range is the fold's to apply
   int64_t lineNumber = 0;               // from 1, counting every line of the file
   std::string_view sessionId;           // empty when absent
   std::string_view cwd;                 // empty when absent
@@ -112,18 +112,21 @@ inline constexpr int64_t kTextLengthCap = 200;
 // Estimated tokens of an image: characters of its Base64 text over four.
 [[nodiscard]] int64_t imageTokens(const RawContentBlock& block);
 
-// Digests a decoded line for pass two and appends it to `digest`.
-void appendDigestLine(const RawTranscriptLine& line, int64_t lineNumber, const RangeBounds& bounds,
-                      FileDigest& digest);
+// Digests a decoded line for pass two and appends it to `digest`. The digest
+// holds every line, whatever its date: one digest serves passes with
+// different bounds.
+void appendDigestLine(const RawTranscriptLine& line, int64_t lineNumber, FileDigest& digest);
 // Appends a line that failed to decode.
 void appendSkippedLine(int64_t lineNumber, FileDigest& digest);
 // After the last line: points each line at its tool uses and results.
 void finishDigest(FileDigest& digest);
 
-// What pass one takes from a line: only assistant lines in range.
+// What pass one takes from an assistant line.
 struct BashScanLine {
-  std::optional<std::string_view> requestId;  // a view into its FileBashScan
-  std::vector<uint64_t> templateHashes;        // one per Bash call with a command, in block order
+  std::optional<std::string_view> requestId;  // views into its FileBashScan
+  std::optional<std::string_view> timestamp;
+  std::optional<InstantMs> instant;      // the timestamp, parsed
+  std::vector<uint64_t> templateHashes;  // one per Bash call with a command, in block order
 };
 
 }  // namespace ostler

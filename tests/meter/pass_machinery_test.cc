@@ -100,14 +100,13 @@ TEST(FileSliceTest, DigestInSlicesEqualsDigestWhole) {
   text += R"({"type":"assistant","requestId":"last-without-line-feed"})";
   const auto path = dir.path() / "f.jsonl";
   testing::writeFile(path, text);
-  const RangeBounds bounds;
-  FileDigest whole = digestFile(path.string(), bounds);
+  FileDigest whole = digestFile(path.string());
   for (uint64_t sliceBytes : {1u, 7u, 64u, 100u, 333u}) {
     std::vector<std::string> ids;
     std::vector<int64_t> numbers;
     size_t skipped = 0;
     for (const FileSlice& slice : sliceFile(text.size(), sliceBytes)) {
-      FileDigest part = digestFile(path.string(), bounds, slice);
+      FileDigest part = digestFile(path.string(), slice);
       ASSERT_TRUE(part.opened);
       for (const auto& line : part.lines) {
         if (line.kind == MeterLine::Kind::kSkipped) ++skipped;
@@ -125,6 +124,35 @@ TEST(FileSliceTest, DigestInSlicesEqualsDigestWhole) {
     EXPECT_EQ(skipped, wholeSkipped) << sliceBytes;
     EXPECT_TRUE(std::is_sorted(numbers.begin(), numbers.end())) << sliceBytes;
   }
+}
+
+}  // namespace
+}  // namespace ostler
+
+namespace ostler {
+namespace {
+
+// Passes sharing one reading give exactly what each gives on its own.
+TEST(RunAllTest, SharedReadingEqualsSeparateRuns) {
+  testing::TempDir dir;
+  if (!testing::generateTree(dir.path(), {"--seed", "5", "--sessions", "10", "--turns", "14", "--resume-rate", "0.3",
+                                           "--image-rate", "0.3", "--bad-rate", "0.02"}))
+    GTEST_SKIP() << "no transcript generator beside the checkout";
+  std::vector<MeterOptions> passes(3);
+  for (auto& p : passes) p.root = dir.str();
+  passes[1].since = "2026-11-05";
+  passes[1].until = "2026-11-12";
+  passes[2].sinceInstant = "2026-11-03T12:00:00.000Z";
+  passes[2].untilInstant = "2026-11-09T06:30:00Z";
+  const std::vector<MeterRun> together = MeterEngine::runAll(passes);
+  ASSERT_EQ(together.size(), passes.size());
+  for (size_t i = 0; i < passes.size(); ++i) {
+    MeterRun alone = MeterEngine::runWithLoopDetail(passes[i]);
+    alone.receipt.generated_at = together[i].receipt.generated_at;
+    EXPECT_EQ(together[i].receipt, alone.receipt) << i;
+    EXPECT_EQ(together[i].loopDetail, alone.loopDetail) << i;
+  }
+  EXPECT_GT(together[0].receipt.totals.turns, together[1].receipt.totals.turns);
 }
 
 }  // namespace
