@@ -39,6 +39,7 @@ int runForever(const DaemonOptions& options, const ShutdownSignalSource& shutdow
 
 int runForever(const DaemonOptions& options, const ShutdownSignalSource& shutdownSignal, const Services& services) {
   LiveEngine engine(options.pricing, LocalDay::currentTimeZoneId());
+  engine.setFileSizeSource(makeWatchingFileSizes());
   // A missing state file, or one of another version or root, is a cold start.
   if (auto saved = PersistedStateIO::load(options.scratchPath, options.root)) engine.restore(*saved);
   FeedWriter writer(options.feedPath, kFeedMinIntervalSeconds, services.clock);

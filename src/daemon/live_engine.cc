@@ -22,43 +22,6 @@ namespace {
 // One attribute read per file and poll is the steady cost of following a
 // tree. Files come folder by folder, so each is looked up from its open
 // folder rather than walked to from the root again.
-class FolderAttributes {
- public:
-  FolderAttributes() = default;
-  FolderAttributes(const FolderAttributes&) = delete;
-  FolderAttributes& operator=(const FolderAttributes&) = delete;
-  ~FolderAttributes() { closeFolder(); }
-
-  // The size of the regular file at `path`; nothing when it cannot be read.
-  std::optional<int64_t> sizeOf(const std::string& path) {
-    const size_t slash = path.rfind('/');
-    struct stat st;
-    int rc;
-    if (slash == std::string::npos || slash == 0) {
-      rc = ::stat(path.c_str(), &st);
-    } else {
-      std::string_view folder(path.data(), slash);
-      if (folder != folder_) {
-        closeFolder();
-        folder_.assign(folder);
-        fd_ = ::open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-      }
-      rc = fd_ >= 0 ? ::fstatat(fd_, path.c_str() + slash + 1, &st, 0) : ::stat(path.c_str(), &st);
-    }
-    if (rc != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
-    return static_cast<int64_t>(st.st_size);
-  }
-
- private:
-  void closeFolder() {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
-  }
-
-  std::string folder_;
-  int fd_ = -1;
-};
-
 // A chat is named by the first words typed into it: the first 4,000
 // characters on one line, cut to 80.
 constexpr int64_t kFirstMessageScanCharacters = 4000;
@@ -83,13 +46,14 @@ std::set<std::string> LiveEngine::poll(const std::string& root, InstantMs now,
   sessionsWithSubagentFiles_.clear();
   for (const DaemonFile& file : files)
     if (file.isSubagent) sessionsWithSubagentFiles_.insert(file.sessionId);
-  FolderAttributes attributes;
+  fileSizes_->beginPoll();
   auto offsetHint = fileOffsets_.end();
   for (const DaemonFile& file : files) {
     if (shutdownSignal != nullptr && shutdownSignal->isRequested()) break;
-    std::optional<int64_t> size = attributes.sizeOf(file.path);
+    std::optional<int64_t> size = fileSizes_->sizeOf(file.path);
     if (size && readFile(file, *size, now, offsetHint)) touched.insert(file.sessionId);
   }
+  fileSizes_->endPoll();
   pruneBurns(now);
   return touched;
 }
@@ -120,6 +84,8 @@ bool LiveEngine::readFile(const DaemonFile& file, int64_t size, InstantMs now, O
   // first byte; the request dedupe keeps its old requests from counting twice.
   int64_t start = size < storedOffset ? 0 : storedOffset;
   if (start >= size) return false;
+  auto lastSize = sizeAtLastRead_.find(file.path);
+  if (start == storedOffset && lastSize != sizeAtLastRead_.end() && lastSize->second == size) return false;
   // A small rest (often a torn last line read again) needs no whole chunk;
   // the reader still reads on to the end if the file grew meanwhile.
   const auto chunk = static_cast<size_t>(std::clamp<int64_t>(size - start, 64 * 1024, TailReader::kDefaultChunkSize));
@@ -145,6 +111,10 @@ bool LiveEngine::readFile(const DaemonFile& file, int64_t size, InstantMs now, O
   int64_t offset = reader->offset();
   reader->close();
   fileOffsets_[file.path] = offset;
+  if (lastSize != sizeAtLastRead_.end())
+    lastSize->second = size;
+  else
+    sizeAtLastRead_.emplace(file.path, size);
   if (offset != start) isDirty_ = true;
   return yielded;
 }
@@ -195,6 +165,7 @@ void LiveEngine::gcDeadEntries(const std::vector<DaemonFile>& currentFiles) {
     if (removed > 0) isDirty_ = true;
   };
   prune(fileOffsets_, paths);
+  std::erase_if(sizeAtLastRead_, [&](const auto& entry) { return paths.count(entry.first) == 0; });
   prune(fileMediaState_, paths);
   prune(sessionState_, sessionIds);
   prune(subagentLastModel_, subagentPaths);

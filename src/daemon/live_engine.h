@@ -15,6 +15,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -31,6 +32,7 @@
 #include "daemon/shutdown_signal_source.h"
 #include "daemon/window_scan.h"
 #include "meter/pricing.h"
+#include "platform/file_sizes.h"
 #include "platform/hid_idle_source.h"
 
 namespace ostler {
@@ -96,6 +98,11 @@ class LiveEngine {
   LiveEngine(PricingTable pricing, std::string timeZoneId);
   LiveEngine(const LiveEngine&) = delete;
   LiveEngine& operator=(const LiveEngine&) = delete;
+
+  // Where `poll` learns the sizes of the files; a plain stat of each file
+  // unless set. A long-lived engine watches its folders instead, so that an
+  // idle poll asks the file system about no file.
+  void setFileSizeSource(std::unique_ptr<FileSizeSource> source) { fileSizes_ = std::move(source); }
 
   // Reads what was appended to every transcript under `root` since the last
   // poll. First rolls today's accumulator over when `now` lies in a new local
@@ -255,7 +262,12 @@ class LiveEngine {
   DaemonLineDecoder decoder_;
 
   // Reading.
+  std::unique_ptr<FileSizeSource> fileSizes_ = makeStatFileSizes();
   std::map<std::string, int64_t> fileOffsets_;             // read position of each file
+  // The size each file had when it was last read, kept in memory only: a
+  // file whose torn last line has not grown since holds no new whole line,
+  // so it need not be opened again.
+  std::unordered_map<std::string, int64_t> sizeAtLastRead_;
   std::map<std::string, std::string> subagentLastModel_;   // newest model of each subagent file
   std::unordered_set<std::string> seenRequestIds_;         // every request folded; never pruned
   int64_t newLinesSeen_ = 0;
