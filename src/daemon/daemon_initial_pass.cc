@@ -4,6 +4,7 @@
 #include "daemon/daemon.h"
 #include "daemon/local_day.h"
 #include "daemon/parallel_jobs.h"
+#include "daemon/today_equality_check.h"
 #include "meter/meter_engine.h"
 
 namespace ostler::Daemon {
@@ -30,7 +31,7 @@ std::optional<InitialPassResult> initialPass(LiveEngine& engine, const DaemonOpt
   InitialPassResult result;
   Receipt lifetime, today;
   WindowScan::Walls walls;
-  std::map<std::string, int64_t> tokens;
+  std::optional<std::map<std::string, int64_t>> tokens;  // today by family, from a fresh read
   auto timed = [&clock](double* seconds, auto job) {
     return [&clock, seconds, job] {
       const double start = clock.monotonicSeconds();
@@ -56,10 +57,6 @@ std::optional<InitialPassResult> initialPass(LiveEngine& engine, const DaemonOpt
       timed(&result.windowScanSeconds,
             [&] { walls = WindowScan::walls(WindowScan::scan(options.root, options.pricing)); }),
   };
-  if (!coldStart)
-    jobs.push_back([&] {
-      tokens = LiveEngine::freshWindowedTokensByFamily(options.root, options.pricing, now, engine.timeZoneId());
-    });
 
   bool stopped = false;
   {
@@ -79,6 +76,18 @@ std::optional<InitialPassResult> initialPass(LiveEngine& engine, const DaemonOpt
   }
   result.todayWindowedSeconds = result.lifetimeSeconds;
   if (stopped) return std::nullopt;
+
+  // The fresh family count only ever reaches the feed when today's check
+  // diverges (it then stands for the accumulator), so after a warm start it
+  // is read, a fourth pass over the tree, only in that case.
+  if (!coldStart) {
+    const bool matches = TodayEqualityCheck::check(result.accumulatorSnapshot.spentUSD,
+                                                   result.accumulatorSnapshot.turns,
+                                                   today.totals.spent_usd, now, nullptr)
+                             .matches;
+    if (!matches)
+      tokens = LiveEngine::freshWindowedTokensByFamily(options.root, options.pricing, now, engine.timeZoneId());
+  }
 
   result.odometerBundle = Odometer::bundle(std::move(lifetime), std::move(today), walls, std::move(tokens));
   engine.updateWalls(walls);

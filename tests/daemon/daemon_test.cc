@@ -384,15 +384,26 @@ TEST(InitialPassTest, FiguresOfEveryJobOnColdAndWarmStarts) {
             (std::map<std::string, int64_t>{{"haiku", 1'000'000}}));
   EXPECT_TRUE(cold.cachedWalls());
 
-  // A restored engine reads nothing new; the family count still comes from
-  // a fresh read of the tree.
+  // A restored engine reads nothing new and its check matches, so no fresh
+  // family count is read: the feed could not use it.
   LiveEngine warm(h.options.pricing, "UTC");
   warm.restore(cold.snapshotForPersistence(h.options.root));
   auto again = Daemon::initialPass(warm, h.options, kNow, nullptr, nullptr, h.clock);
   ASSERT_TRUE(again);
   EXPECT_EQ(again->accumulatorSnapshot.spentUSD, 1.0);
-  EXPECT_EQ(again->odometerBundle.windowedTokensByFamily, pass->odometerBundle.windowedTokensByFamily);
+  EXPECT_EQ(again->odometerBundle.windowedTokensByFamily, std::nullopt);
   EXPECT_EQ(warm.exclusionsSnapshot(), std::nullopt);
+
+  // A restored accumulator holding a turn the tree no longer has diverges:
+  // then the fresh count is read, and it knows only what the tree holds.
+  writeFile(h.transcript(), jsonl({dollarTurn(kNow - 90'000'000, "r0")}));
+  LiveEngine diverged(h.options.pricing, "UTC");
+  diverged.restore(cold.snapshotForPersistence(h.options.root));
+  auto third = Daemon::initialPass(diverged, h.options, kNow, nullptr, nullptr, h.clock);
+  ASSERT_TRUE(third);
+  EXPECT_EQ(third->accumulatorSnapshot.spentUSD, 1.0);
+  EXPECT_EQ(third->odometerBundle.todayWindowedReceipt.totals.spent_usd, 0.0);
+  EXPECT_EQ(third->odometerBundle.windowedTokensByFamily, (std::map<std::string, int64_t>{}));
 }
 
 TEST(PersistAndRecordTest, CountsEverySaveAndAFailedOneStillClearsDirty) {
