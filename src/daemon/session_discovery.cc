@@ -1,7 +1,5 @@
 #include "daemon/session_discovery.h"
 
-#include <dirent.h>
-
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
@@ -9,6 +7,7 @@
 #include <system_error>
 
 #include "meter/session_discovery.h"
+#include "platform/directory_listing.h"
 
 namespace ostler::SessionDiscovery {
 namespace fs = std::filesystem;
@@ -19,53 +18,16 @@ bool endsWith(std::string_view s, std::string_view suffix) {
   return s.size() >= suffix.size() && s.substr(s.size() - suffix.size()) == suffix;
 }
 
-std::string joinPath(const std::string& dir, const std::string& name) {
-  if (!dir.empty() && dir.back() == '/') return dir + name;
-  return dir + "/" + name;
-}
-
-bool isDirectory(const std::string& path) {
-  std::error_code ec;
-  return fs::is_directory(path, ec);
-}
-
-struct Entry {
-  std::string name;
-  bool isDirectory = false;
-
-  bool operator<(const Entry& other) const { return name < other.name; }
-};
-
-// The entries of `dir`, sorted by name bytes; nothing when it cannot be
-// listed. The listing's own file types save a stat per entry, which is most
-// of a poll's cost on a tree of small chats; a link or an entry of unknown
-// type is looked at.
-std::optional<std::vector<Entry>> listSorted(const std::string& dir) {
-  DIR* d = ::opendir(dir.c_str());
-  if (d == nullptr) return std::nullopt;
-  std::vector<Entry> entries;
-  while (const dirent* e = ::readdir(d)) {
-    std::string_view name = e->d_name;
-    if (name == "." || name == "..") continue;
-    bool isDir = e->d_type == DT_DIR;
-    if (e->d_type == DT_UNKNOWN || e->d_type == DT_LNK) isDir = isDirectory(joinPath(dir, std::string(name)));
-    entries.push_back({std::string(name), isDir});
-  }
-  ::closedir(d);
-  std::sort(entries.begin(), entries.end());
-  return entries;
-}
-
 }  // namespace
 
 std::vector<DaemonFile> discoverFiles(const std::string& root) {
   std::vector<DaemonFile> files;
-  auto projects = listSorted(root);
+  auto projects = listDirectorySorted(root);
   if (!projects) return files;
   for (const auto& project : *projects) {
     if (!project.isDirectory) continue;
     std::string projectDir = joinPath(root, project.name);
-    auto entries = listSorted(projectDir);
+    auto entries = listDirectorySorted(projectDir);
     if (!entries) continue;
     for (const auto& e : *entries) {
       if (!endsWith(e.name, ".jsonl")) continue;

@@ -5,6 +5,8 @@
 #include <map>
 #include <system_error>
 
+#include "platform/directory_listing.h"
+
 namespace ostler {
 namespace fs = std::filesystem;
 
@@ -12,30 +14,6 @@ namespace {
 
 bool endsWith(const std::string& s, std::string_view suffix) {
   return s.size() >= suffix.size() && s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
-
-std::string joinPath(const std::string& dir, const std::string& name) {
-  if (!dir.empty() && dir.back() == '/') return dir + name;
-  return dir + "/" + name;
-}
-
-// Names in `dir`, sorted; nothing when it cannot be listed.
-std::optional<std::vector<std::string>> listSorted(const std::string& dir) {
-  std::error_code ec;
-  fs::directory_iterator it(dir, ec);
-  if (ec) return std::nullopt;
-  std::vector<std::string> names;
-  for (fs::directory_iterator end; it != end; it.increment(ec)) {
-    if (ec) break;
-    names.push_back(it->path().filename().string());
-  }
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
-bool isDirectory(const std::string& path) {
-  std::error_code ec;
-  return fs::is_directory(path, ec);
 }
 
 }  // namespace
@@ -56,13 +34,13 @@ std::vector<std::string> findJSONLFilesRecursively(const std::string& path) {
 
 std::vector<SessionGroup> discoverSessionGroups(const std::string& root) {
   std::map<std::string, SessionGroup> groups;  // key: project path, "::", stem
-  auto rootNames = listSorted(root);
-  if (!rootNames) return {};
-  for (const auto& projectName : *rootNames) {
-    std::string projectDir = joinPath(root, projectName);
-    if (!isDirectory(projectDir)) continue;
-    auto names = listSorted(projectDir);
-    if (!names) continue;
+  auto projects = listDirectorySorted(root);
+  if (!projects) return {};
+  for (const auto& project : *projects) {
+    if (!project.isDirectory) continue;
+    std::string projectDir = joinPath(root, project.name);
+    auto entries = listDirectorySorted(projectDir);
+    if (!entries) continue;
     auto groupFor = [&](const std::string& stem) -> SessionGroup& {
       auto [it, inserted] = groups.try_emplace(projectDir + "::" + stem);
       if (inserted) {
@@ -71,16 +49,16 @@ std::vector<SessionGroup> discoverSessionGroups(const std::string& root) {
       }
       return it->second;
     };
-    for (const auto& name : *names) {
-      if (!endsWith(name, ".jsonl")) continue;
-      groupFor(name.substr(0, name.size() - 6)).mainFile = joinPath(projectDir, name);
+    for (const auto& e : *entries) {
+      if (!endsWith(e.name, ".jsonl")) continue;
+      groupFor(e.name.substr(0, e.name.size() - 6)).mainFile = joinPath(projectDir, e.name);
     }
-    for (const auto& name : *names) {
-      std::string dir = joinPath(projectDir, name);
-      std::string subagents = joinPath(dir, "subagents");
-      if (!isDirectory(dir) || !isDirectory(subagents)) continue;
+    for (const auto& e : *entries) {
+      if (!e.isDirectory) continue;
+      std::string subagents = joinPath(joinPath(projectDir, e.name), "subagents");
+      if (!isDirectory(subagents)) continue;
       auto files = findJSONLFilesRecursively(subagents);
-      auto& group = groupFor(name);
+      auto& group = groupFor(e.name);
       group.subagentFiles.insert(group.subagentFiles.end(), files.begin(), files.end());
     }
   }
