@@ -9,35 +9,37 @@
 #include <thread>
 
 #include "daemon/persisted_state.h"
-#include "fake_clock.h"
 #include "line_builder.h"
+#include "support/fake_clock.h"
 #include "support/test_support.h"
 
 namespace ostler {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::Assistant;
-using testing::assistantLine;
-using testing::at;
-using testing::FakeClock;
-using testing::jsonl;
-using testing::ManualQueue;
-using testing::TempDir;
-using testing::Usage;
-using testing::writeFile;
+using namespace testing;
 
 const InstantMs kNow = at("2026-03-10T12:00:00Z");
 
 // $1.00 of haiku input at `t`.
 std::string dollarTurn(InstantMs t, const std::string& rid) {
-  Assistant a;
-  a.timestamp = ISO8601::fractional(t);
-  a.requestId = rid;
-  a.model = "claude-haiku-4-5";
-  a.usage = Usage{.input = 1'000'000};
-  return assistantLine(a);
+  return turnLine(ISO8601::fractional(t), rid, {.input = 1'000'000}, "claude-haiku-4-5");
 }
+
+// Keeps the jobs given to it until the test runs them.
+class ManualQueue final : public BackgroundQueue {
+ public:
+  void async(std::function<void()> job) override { jobs_.push_back(std::move(job)); }
+  [[nodiscard]] size_t pending() const { return jobs_.size(); }
+  void runAll() {
+    auto jobs = std::move(jobs_);
+    jobs_.clear();
+    for (auto& job : jobs) job();
+  }
+
+ private:
+  std::vector<std::function<void()>> jobs_;
+};
 
 class NoIdle final : public HIDIdleSource {
  public:
@@ -244,7 +246,7 @@ struct Ticking : Harness {
     return Daemon::runForeverTick(engine, writer, options, state, [stop] { return stop; },
                                   kNow + int64_t(secondsAfterStart * 1000), services());
   }
-  [[nodiscard]] Feed readFeed() const { return decodeFeedJSON(testing::readFile(options.feedPath)).value(); }
+  [[nodiscard]] Feed readFeed() const { return decodeFeedJSON(readFile(options.feedPath)).value(); }
 };
 
 TEST(DaemonTickTest, WritesTheFeedOncePerSecondAndSleepsTheRestOfTheInterval) {
@@ -285,7 +287,7 @@ TEST(DaemonTickTest, WritesTheFeedOncePerSecondAndSleepsTheRestOfTheInterval) {
 
   // A new line: the chat's top-level file goes to the scheduler (not its
   // subagent file), the names are written, and the row moves at once.
-  testing::appendFile(t.transcript(), jsonl({dollarTurn(kNow + 4'500, "r3")}));
+  appendFile(t.transcript(), jsonl({dollarTurn(kNow + 4'500, "r3")}));
   (void)t.tick(5);
   EXPECT_EQ(t.scheduler.paths, (std::vector<std::string>{t.transcript().string()}));
   EXPECT_EQ(t.names.writes, 1);
@@ -294,7 +296,7 @@ TEST(DaemonTickTest, WritesTheFeedOncePerSecondAndSleepsTheRestOfTheInterval) {
   EXPECT_EQ(f.sessions_all.at(0).last_activity, ISO8601::fractional(kNow + 4'500));
   // A touch on a tick that writes no feed still rebuilds the chat's row in
   // the next feed written.
-  testing::appendFile(t.transcript(), jsonl({dollarTurn(kNow + 5'100, "r4")}));
+  appendFile(t.transcript(), jsonl({dollarTurn(kNow + 5'100, "r4")}));
   (void)t.tick(5.5);
   (void)t.tick(6);
   f = t.readFeed();
@@ -367,7 +369,7 @@ TEST(InitialPassTest, AShutdownWaitsForTheJobsAndLeavesNoFeed) {
   writeFile(h.options.feedPath, "previous");
   SlowStop again;
   EXPECT_EQ(Daemon::runForever(h.options, again, h.services()), 0);
-  EXPECT_EQ(testing::readFile(h.options.feedPath), "previous");
+  EXPECT_EQ(readFile(h.options.feedPath), "previous");
   EXPECT_TRUE(PersistedStateIO::load(h.options.scratchPath, h.options.root));
 }
 

@@ -14,14 +14,7 @@ namespace ostler {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::appendFile;
-using testing::Assistant;
-using testing::assistantLine;
-using testing::at;
-using testing::jsonl;
-using testing::TempDir;
-using testing::Usage;
-using testing::writeFile;
+using namespace testing;
 
 const InstantMs kNow = at("2026-03-10T12:00:00Z");
 
@@ -29,12 +22,7 @@ std::string stamp(InstantMs t) { return ISO8601::fractional(t); }
 
 // One priced turn of `context` tokens (as cache reads) at `t`.
 std::string turn(InstantMs t, int64_t context, const std::string& rid, const std::string& model = "claude-opus-4-1") {
-  Assistant a;
-  a.timestamp = stamp(t);
-  a.requestId = rid;
-  a.model = model;
-  a.usage = Usage{.input = 0, .output = 10, .cacheRead = context};
-  return assistantLine(a);
+  return turnLine(stamp(t), rid, {.output = 10, .cacheRead = context}, model);
 }
 
 void setModified(const fs::path& path, InstantMs t) {
@@ -83,12 +71,9 @@ TEST(SessionSnapshotTest, WarmChatsComeFirstAndOldOrEmptyOnesOnlyInTheInventory)
   writeFile(project / "c2.jsonl", jsonl({turn(kNow - 7'200'000, 90'000, "c2")}));
   writeFile(project / "c3.jsonl", jsonl({turn(kNow - 5'400'000, 50'000, "c3")}));
   // Active today without a priced turn; active 25 hours ago; never active.
-  Assistant stub;
-  stub.timestamp = stamp(kNow - 60'000);
-  stub.requestId = "z";
-  writeFile(project / "zero.jsonl", jsonl({assistantLine(stub)}));
+  writeFile(project / "zero.jsonl", jsonl({turnLine(stamp(kNow - 60'000), "z", {})}));
   writeFile(project / "old.jsonl", jsonl({turn(kNow - 90'000'000, 5'000, "old")}));
-  writeFile(project / "mute.jsonl", jsonl({testing::userTextLine("hello")}));
+  writeFile(project / "mute.jsonl", jsonl({userTextLine("hello")}));
 
   LiveEngine engine(PricingTable::defaultTable(), "UTC");
   (void)engine.poll(dir.str(), kNow);
@@ -198,7 +183,7 @@ TEST(SessionSnapshotTest, RunningAgentsTheirModelsAndTheTokenRate) {
   writeFile(subagents / "agent-2.jsonl", jsonl({turn(kNow - 5'000, 100, "x2", "claude-sonnet-4-6")}));
   writeFile(subagents / "nested" / "agent-3.jsonl", jsonl({turn(kNow - 5'000, 100, "x3", "gpt-5")}));
   // Just started: a first line, no assistant line yet.
-  writeFile(subagents / "agent-4.jsonl", jsonl({testing::userTextLine("go")}));
+  writeFile(subagents / "agent-4.jsonl", jsonl({userTextLine("go")}));
   writeFile(subagents / "agent-5.jsonl", jsonl({turn(kNow - 5'000, 100, "x5", "claude-haiku-4-5")}));
   writeFile(subagents / "notes.txt", "not a transcript");
   LiveEngine engine(PricingTable::defaultTable(), "UTC");
@@ -245,12 +230,7 @@ TEST(SessionSnapshotTest, TokenRateCountsTheLastFiveMinutesAndTruncatesTowardZer
 
   // A further line of the same request at a smaller total burns a negative
   // difference: -1,009 tokens in the window, -201.8 a minute, shown as -201.
-  Assistant shrink;
-  shrink.timestamp = stamp(kNow - 10'000);
-  shrink.requestId = "r1";
-  shrink.model = "claude-opus-4-1";
-  shrink.usage = Usage{.input = 0, .output = 4, .cacheRead = 0};
-  appendFile(file, jsonl({assistantLine(shrink)}));
+  appendFile(file, jsonl({turnLine(stamp(kNow - 10'000), "r1", {.output = 4})}));
   (void)engine.poll(dir.str(), kNow);
   EXPECT_EQ(engine.snapshotNow(kNow).rate_tokens_per_min, (1'013 - 1'009) / 5);
   EXPECT_EQ(engine.snapshotNow(kNow + 250'000).rate_tokens_per_min, -201);
@@ -261,7 +241,7 @@ TEST(SessionSnapshotTest, FiveImagesMakeALoopForTenMinutesAfterTheLast) {
   const fs::path project = dir.path() / "p";
   auto images = [](int count, InstantMs t) {
     std::vector<std::string> lines;
-    for (int i = 0; i < count; ++i) lines.push_back(testing::userImageLine(1, 4000, stamp(t - (count - i) * 1000)));
+    for (int i = 0; i < count; ++i) lines.push_back(userImageLine(1, 4000, stamp(t - (count - i) * 1000)));
     return lines;
   };
   auto answered = [&](int count, InstantMs t, const char* rid) {
