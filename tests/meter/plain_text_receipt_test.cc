@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -15,21 +14,14 @@ namespace {
 
 Receipt emptyReceipt() { return buildReceipt(GlobalAggregator{}, MeterOptions{}, "2026-11-23T00:00:00Z"); }
 
-std::vector<std::string> linesOf(const std::string& text) {
-  std::vector<std::string> out;
-  std::stringstream in(text);
-  for (std::string line; std::getline(in, line);) out.push_back(line);
-  return out;
-}
-
 bool hasLine(const std::string& text, const std::string& line) {
-  const auto lines = linesOf(text);
+  const auto lines = testing::linesOf(text);
   return std::find(lines.begin(), lines.end(), line) != lines.end();
 }
 
 // The line after `line`, or "(none)".
 std::string lineAfter(const std::string& text, const std::string& line) {
-  const auto lines = linesOf(text);
+  const auto lines = testing::linesOf(text);
   auto it = std::find(lines.begin(), lines.end(), line);
   return it == lines.end() || it + 1 == lines.end() ? "(none)" : *(it + 1);
 }
