@@ -9,35 +9,37 @@
 #include <thread>
 
 #include "daemon/persisted_state.h"
-#include "fake_clock.h"
 #include "line_builder.h"
+#include "support/fake_clock.h"
 #include "support/test_support.h"
 
 namespace ostler {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::Assistant;
-using testing::assistantLine;
-using testing::at;
-using testing::FakeClock;
-using testing::jsonl;
-using testing::ManualQueue;
-using testing::TempDir;
-using testing::Usage;
-using testing::writeFile;
+using namespace testing;
 
 const InstantMs kNow = at("2026-03-10T12:00:00Z");
 
 // $1.00 of haiku input at `t`.
 std::string dollarTurn(InstantMs t, const std::string& rid) {
-  Assistant a;
-  a.timestamp = ISO8601::fractional(t);
-  a.requestId = rid;
-  a.model = "claude-haiku-4-5";
-  a.usage = Usage{.input = 1'000'000};
-  return assistantLine(a);
+  return turnLine(ISO8601::fractional(t), rid, {.input = 1'000'000}, "claude-haiku-4-5");
 }
+
+// Keeps the jobs given to it until the test runs them.
+class ManualQueue final : public BackgroundQueue {
+ public:
+  void async(std::function<void()> job) override { jobs_.push_back(std::move(job)); }
+  [[nodiscard]] size_t pending() const { return jobs_.size(); }
+  void runAll() {
+    auto jobs = std::move(jobs_);
+    jobs_.clear();
+    for (auto& job : jobs) job();
+  }
+
+ private:
+  std::vector<std::function<void()>> jobs_;
+};
 
 class NoIdle final : public HIDIdleSource {
  public:
@@ -98,103 +100,104 @@ struct Harness {
   [[nodiscard]] fs::path transcript() const { return fs::path(options.root) / "p" / "a.jsonl"; }
 };
 
-TEST(RecomputeGateTest, TouchesOutOfBandChecksAndTheSettledBackoff) {
-  Harness h;
-  writeFile(h.transcript(), jsonl({dollarTurn(kNow - 3'600'000, "r1")}));
-  LiveEngine engine(h.options.pricing, "UTC");
-  (void)engine.poll(h.options.root, kNow);
-  auto state = std::make_shared<Daemon::TickState>();
-  auto gate = [&](double secondsAfterStart, bool touched) {
-    return Daemon::startOdometerRecomputeIfDue(engine, h.options, state, kNow + int64_t(secondsAfterStart * 1000),
-                                               touched, h.services());
-  };
-  auto finishAt = [&](double secondsAfterStart) {
-    h.clock.set(kNow + int64_t(secondsAfterStart * 1000));
-    ASSERT_EQ(h.queue.pending(), 1u);
-    h.queue.runAll();
-  };
+// An engine that has read a day's dollar, and a gate that has not run yet.
+struct Polled : Harness {
+  LiveEngine engine{options.pricing, "UTC"};
+  std::shared_ptr<Daemon::TickState> state = std::make_shared<Daemon::TickState>();
 
+  Polled() {
+    writeFile(transcript(), jsonl({dollarTurn(kNow - 3'600'000, "r1")}));
+    (void)engine.poll(options.root, kNow);
+  }
+  bool gate(double secondsAfterStart, bool touched) {
+    return Daemon::startOdometerRecomputeIfDue(engine, options, state, kNow + int64_t(secondsAfterStart * 1000),
+                                               touched, services());
+  }
+  // Runs the recompute the gate started, finishing at `secondsAfterStart`.
+  void finishAt(double secondsAfterStart) {
+    clock.set(kNow + int64_t(secondsAfterStart * 1000));
+    ASSERT_EQ(queue.pending(), 1u);
+    queue.runAll();
+  }
+};
+
+TEST(RecomputeGateTest, TouchesOutOfBandChecksAndTheSettledBackoff) {
+  Polled h;
   // No touch and no check yet: nothing can have changed.
-  EXPECT_FALSE(gate(0, false));
-  EXPECT_TRUE(gate(0, true));
-  EXPECT_FALSE(gate(1, true));  // one at a time
+  EXPECT_FALSE(h.gate(0, false));
+  EXPECT_TRUE(h.gate(0, true));
+  EXPECT_FALSE(h.gate(1, true));  // one at a time
   // The meter no longer finds the day's dollar the accumulator holds.
   fs::remove(h.transcript());
-  finishAt(10);
+  h.finishAt(10);
   {
-    std::lock_guard lock(state->stateLock);
-    EXPECT_FALSE(state->odometerInFlight);
-    EXPECT_EQ(state->lastOdometerAt, kNow + 10'000);
-    ASSERT_TRUE(state->lastEqualityDiagnostics);
-    EXPECT_FALSE(state->lastEqualityDiagnostics->matches);
-    EXPECT_EQ(state->lastEqualityDiagnostics->diff_usd, 1.0);
-    EXPECT_EQ(state->lastEqualityDiagnostics->checked_at, ISO8601::fractional(kNow));
-    EXPECT_EQ(state->odometerBundle->windowedTokensByFamily, std::nullopt);  // the check was not yet unreconciled
-    EXPECT_TRUE(state->pendingWalls);
-    EXPECT_EQ(state->outOfBandBackoff, (Daemon::OutOfBandBackoffState{0, 1.0}));
+    std::lock_guard lock(h.state->stateLock);
+    EXPECT_FALSE(h.state->odometerInFlight);
+    EXPECT_EQ(h.state->lastOdometerAt, kNow + 10'000);
+    ASSERT_TRUE(h.state->lastEqualityDiagnostics);
+    EXPECT_FALSE(h.state->lastEqualityDiagnostics->matches);
+    EXPECT_EQ(h.state->lastEqualityDiagnostics->diff_usd, 1.0);
+    EXPECT_EQ(h.state->lastEqualityDiagnostics->checked_at, ISO8601::fractional(kNow));
+    EXPECT_EQ(h.state->odometerBundle->windowedTokensByFamily, std::nullopt);  // the check was not yet unreconciled
+    EXPECT_TRUE(h.state->pendingWalls);
+    EXPECT_EQ(h.state->outOfBandBackoff, (Daemon::OutOfBandBackoffState{0, 1.0}));
   }
 
   // A touch waits 45 seconds from the last finish.
-  EXPECT_FALSE(gate(54.999, true));
-  EXPECT_TRUE(gate(55, true));
-  finishAt(60);
+  EXPECT_FALSE(h.gate(54.999, true));
+  EXPECT_TRUE(h.gate(55, true));
+  h.finishAt(60);
 
   // Untouched, the divergence is looked at again every 45 seconds; the
   // residual stays put, so the small moves add up.
   double at = 60;
   for (int moves = 1; moves <= 3; ++moves) {
-    EXPECT_FALSE(gate(at + 44.999, false));
-    EXPECT_TRUE(gate(at + 45, false));
+    EXPECT_FALSE(h.gate(at + 44.999, false));
+    EXPECT_TRUE(h.gate(at + 45, false));
     at += 45;
-    finishAt(at);
-    std::lock_guard lock(state->stateLock);
-    EXPECT_EQ(state->outOfBandBackoff.consecutiveSmallMoves, moves);
-    EXPECT_TRUE(state->odometerBundle->windowedTokensByFamily);  // asked for while unreconciled
+    h.finishAt(at);
+    std::lock_guard lock(h.state->stateLock);
+    EXPECT_EQ(h.state->outOfBandBackoff.consecutiveSmallMoves, moves);
+    EXPECT_TRUE(h.state->odometerBundle->windowedTokensByFamily);  // asked for while unreconciled
   }
   // Settled: every 600 seconds.
-  EXPECT_FALSE(gate(at + 45, false));
-  EXPECT_FALSE(gate(at + 599.999, false));
-  EXPECT_TRUE(gate(at + 600, false));
+  EXPECT_FALSE(h.gate(at + 45, false));
+  EXPECT_FALSE(h.gate(at + 599.999, false));
+  EXPECT_TRUE(h.gate(at + 600, false));
   at += 600;
-  finishAt(at);
+  h.finishAt(at);
   // A touch is due at the usual 45 seconds and resets the count.
-  EXPECT_TRUE(gate(at + 45, true));
+  EXPECT_TRUE(h.gate(at + 45, true));
   at += 45;
-  finishAt(at);
+  h.finishAt(at);
   {
-    std::lock_guard lock(state->stateLock);
-    EXPECT_EQ(state->outOfBandBackoff.consecutiveSmallMoves, 0);
+    std::lock_guard lock(h.state->stateLock);
+    EXPECT_EQ(h.state->outOfBandBackoff.consecutiveSmallMoves, 0);
   }
-  EXPECT_TRUE(gate(at + 45, false));
+  EXPECT_TRUE(h.gate(at + 45, false));
 
   // Once the two sums agree again, nothing is due however long it stays so.
   writeFile(h.transcript(), jsonl({dollarTurn(kNow - 3'600'000, "r1")}));
   at += 45;
-  finishAt(at);
+  h.finishAt(at);
   {
-    std::lock_guard lock(state->stateLock);
-    EXPECT_TRUE(state->lastEqualityDiagnostics->matches);
-    EXPECT_EQ(state->outOfBandBackoff.consecutiveSmallMoves, 0);
+    std::lock_guard lock(h.state->stateLock);
+    EXPECT_TRUE(h.state->lastEqualityDiagnostics->matches);
+    EXPECT_EQ(h.state->outOfBandBackoff.consecutiveSmallMoves, 0);
   }
-  EXPECT_FALSE(gate(at + 86'400, false));
+  EXPECT_FALSE(h.gate(at + 86'400, false));
 }
 
 TEST(AssembleFeedTest, SpendTurnsWindowedOnlyOnceARecomputeBringsFreshTokens) {
-  Harness h;
-  writeFile(h.transcript(), jsonl({dollarTurn(kNow - 3'600'000, "r1")}));
-  LiveEngine engine(h.options.pricing, "UTC");
-  (void)engine.poll(h.options.root, kNow);
-  auto state = std::make_shared<Daemon::TickState>();
-  auto recompute = [&](double secondsAfterStart, bool touched) {
-    ASSERT_TRUE(Daemon::startOdometerRecomputeIfDue(engine, h.options, state,
-                                                    kNow + int64_t(secondsAfterStart * 1000), touched, h.services()));
-    h.clock.set(kNow + int64_t(secondsAfterStart * 1000));
-    h.queue.runAll();
+  Polled h;
+  auto recompute = [&](double seconds, bool touched) {
+    ASSERT_TRUE(h.gate(seconds, touched));
+    h.finishAt(seconds);
   };
   auto feed = [&] {
-    std::lock_guard lock(state->stateLock);
-    return Daemon::assembleFeed(engine, *state->odometerBundle, h.clock.nowMs(), h.options.closeoutStorePath,
-                                state->lastEqualityDiagnostics, {}, h.services());
+    std::lock_guard lock(h.state->stateLock);
+    return Daemon::assembleFeed(h.engine, *h.state->odometerBundle, h.clock.nowMs(), h.options.closeoutStorePath,
+                                h.state->lastEqualityDiagnostics, {}, h.services());
   };
 
   fs::remove(h.transcript());
@@ -212,7 +215,7 @@ TEST(AssembleFeedTest, SpendTurnsWindowedOnlyOnceARecomputeBringsFreshTokens) {
   EXPECT_EQ(second.today.turns, 0);
   EXPECT_EQ(second.today.windowed_computed_at, ISO8601::fractional(kNow + 45'000));
   EXPECT_EQ(second.today.tokens_by_family.at("haiku"), 0);
-  EXPECT_EQ(engine.todayAccumulatorSnapshot().spentUSD, 1.0);
+  EXPECT_EQ(h.engine.todayAccumulatorSnapshot().spentUSD, 1.0);
 
   writeFile(h.transcript(), jsonl({dollarTurn(kNow - 3'600'000, "r1")}));
   recompute(90, false);
@@ -244,7 +247,7 @@ struct Ticking : Harness {
     return Daemon::runForeverTick(engine, writer, options, state, [stop] { return stop; },
                                   kNow + int64_t(secondsAfterStart * 1000), services());
   }
-  [[nodiscard]] Feed readFeed() const { return decodeFeedJSON(testing::readFile(options.feedPath)).value(); }
+  [[nodiscard]] Feed readFeed() const { return decodeFeedJSON(readFile(options.feedPath)).value(); }
 };
 
 TEST(DaemonTickTest, WritesTheFeedOncePerSecondAndSleepsTheRestOfTheInterval) {
@@ -285,7 +288,7 @@ TEST(DaemonTickTest, WritesTheFeedOncePerSecondAndSleepsTheRestOfTheInterval) {
 
   // A new line: the chat's top-level file goes to the scheduler (not its
   // subagent file), the names are written, and the row moves at once.
-  testing::appendFile(t.transcript(), jsonl({dollarTurn(kNow + 4'500, "r3")}));
+  appendFile(t.transcript(), jsonl({dollarTurn(kNow + 4'500, "r3")}));
   (void)t.tick(5);
   EXPECT_EQ(t.scheduler.paths, (std::vector<std::string>{t.transcript().string()}));
   EXPECT_EQ(t.names.writes, 1);
@@ -294,7 +297,7 @@ TEST(DaemonTickTest, WritesTheFeedOncePerSecondAndSleepsTheRestOfTheInterval) {
   EXPECT_EQ(f.sessions_all.at(0).last_activity, ISO8601::fractional(kNow + 4'500));
   // A touch on a tick that writes no feed still rebuilds the chat's row in
   // the next feed written.
-  testing::appendFile(t.transcript(), jsonl({dollarTurn(kNow + 5'100, "r4")}));
+  appendFile(t.transcript(), jsonl({dollarTurn(kNow + 5'100, "r4")}));
   (void)t.tick(5.5);
   (void)t.tick(6);
   f = t.readFeed();
@@ -367,7 +370,7 @@ TEST(InitialPassTest, AShutdownWaitsForTheJobsAndLeavesNoFeed) {
   writeFile(h.options.feedPath, "previous");
   SlowStop again;
   EXPECT_EQ(Daemon::runForever(h.options, again, h.services()), 0);
-  EXPECT_EQ(testing::readFile(h.options.feedPath), "previous");
+  EXPECT_EQ(readFile(h.options.feedPath), "previous");
   EXPECT_TRUE(PersistedStateIO::load(h.options.scratchPath, h.options.root));
 }
 
@@ -407,10 +410,8 @@ TEST(InitialPassTest, FiguresOfEveryJobOnColdAndWarmStarts) {
 }
 
 TEST(PersistAndRecordTest, CountsEverySaveAndAFailedOneStillClearsDirty) {
-  Harness h;
-  writeFile(h.transcript(), jsonl({dollarTurn(kNow - 3'600'000, "r1")}));
-  LiveEngine engine(h.options.pricing, "UTC");
-  (void)engine.poll(h.options.root, kNow);
+  Polled h;
+  LiveEngine& engine = h.engine;
   EXPECT_EQ(engine.persistDiagnostics(), std::nullopt);
   const int64_t first = Daemon::persistAndRecord(engine, h.options);
   EXPECT_EQ(first, static_cast<int64_t>(fs::file_size(h.options.scratchPath)));

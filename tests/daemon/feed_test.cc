@@ -9,16 +9,15 @@
 #include <thread>
 
 #include "daemon/feed_writer.h"
-#include "fake_clock.h"
 #include "line_builder.h"
+#include "support/fake_clock.h"
 #include "support/test_support.h"
 
 namespace ostler {
 namespace {
 
-using testing::at;
-using testing::FakeClock;
-using testing::TempDir;
+using namespace testing;
+using nlohmann::json;
 
 FeedSession row(const std::string& id) {
   return {id, "proj", 1200, "warm", 0.0045, 0.006, "2026-03-10T10:00:00.000Z", 2, std::nullopt, std::nullopt};
@@ -45,8 +44,9 @@ Feed fullFeed() {
   f.zero_context_sessions = 3;
   f.sessions_all = {a, row("b"), row("c")};
   f.media_loops_active = {{"a", "proj", 6, 0.25, 4000}};
-  f.windows.session.near_limit = true;
-  f.windows.session.authoritative_pct = FeedAuthoritativePct{91.0, "2026-03-10T11:00:00.000Z"};
+  f.windows.session = {1.5, 10, "2026-03-10T10:00:00.000Z", "resets 3pm", 2.25, 20,
+                       FeedAuthoritativePct{91.0, "2026-03-10T11:00:00.000Z"}, true};
+  f.windows.week.lowest_cutoff_observed = 4.0;
   f.windows.month = FeedMonthWindow{3.0, 30, "2026-03-01T00:00:00.000Z", std::nullopt, std::nullopt};
   f.now = {2, 1500, FeedMacAiSessions{4, "past 7 days"},
            std::vector<FeedAgentsByModelEntry>{{"opus", 1}, {"pending", 1}}};
@@ -65,11 +65,12 @@ TEST(FeedTest, EmptyOptionalKeysAreLeftOutAndDiagnosticsIsAlwaysAnObject) {
   f.sessions = {row("a")};
   const std::string text = encodeFeedJSON(f);
   EXPECT_EQ(text.find("null"), std::string::npos) << text;
-  nlohmann::json j = nlohmann::json::parse(text);
+  json j = json::parse(text);
   for (const char* absent : {"parser_alarm", "setup_tax", "ledger"}) EXPECT_FALSE(j.contains(absent)) << absent;
-  EXPECT_EQ(j["diagnostics"], nlohmann::json::object());
-  EXPECT_EQ(j["quota"], nlohmann::json::object());
-  EXPECT_FALSE(j["windows"]["session"].contains("near_limit"));
+  EXPECT_EQ(j["diagnostics"], json::object());
+  EXPECT_EQ(j["quota"], json::object());
+  const json emptyWindow = {{"burn_value", 0.0}, {"tokens", 0}};
+  EXPECT_EQ(j["windows"], (json{{"session", emptyWindow}, {"week", emptyWindow}, {"week_top_model", emptyWindow}}));
   EXPECT_FALSE(j["now"].contains("agents_by_model"));
   EXPECT_FALSE(j["now"].contains("mac_ai_sessions"));
   EXPECT_FALSE(j["sessions"][0].contains("prompt_state"));
@@ -77,27 +78,20 @@ TEST(FeedTest, EmptyOptionalKeysAreLeftOutAndDiagnosticsIsAlwaysAnObject) {
   EXPECT_EQ(j["schema"], "ostler.feed.v0");
   // An alarm that is off is left out rather than written false.
   f.parser_alarm = false;
-  EXPECT_FALSE(nlohmann::json::parse(encodeFeedJSON(f)).contains("parser_alarm"));
+  EXPECT_FALSE(json::parse(encodeFeedJSON(f)).contains("parser_alarm"));
   // Pretty-printed, keys sorted, one final line feed.
   EXPECT_LT(text.find("\n  \"diagnostics\""), text.find("\n  \"generated_at\""));
   EXPECT_LT(text.find("\"zero_context_sessions\""), text.rfind('}'));
   EXPECT_EQ(text.back(), '\n');
 }
 
-TEST(FeedTest, EveryKeyRoundTrips) {
-  const Feed f = fullFeed();
-  auto back = decodeFeedJSON(encodeFeedJSON(f));
-  ASSERT_TRUE(back.ok()) << back.error().message;
-  EXPECT_EQ(back.value(), f);
-}
-
 TEST(FeedTest, OlderFeedsDecodeWithTheEmptyDefaults) {
-  nlohmann::json old = {
+  json old = {
       {"schema", "ostler.feed.v-old"},
       {"generated_at", "2026-03-10T12:00:00.000Z"},
       {"odometer", toJson(FeedOdometer{})},
       {"today", {{"spent_usd", 1.25}, {"avoidable_usd", 0.5}, {"turns", 3}}},
-      {"quota", nlohmann::json::object()},
+      {"quota", json::object()},
       {"sessions", {toJson(row("a"))}},
       {"zero_context_sessions", 0},
       {"media_loops_active", {{{"sessionId", "a"}, {"project", "p"}, {"images", 5}, {"usd_so_far", 0.1}}}},
@@ -121,10 +115,10 @@ TEST(FeedTest, OlderFeedsDecodeWithTheEmptyDefaults) {
 }
 
 TEST(FeedTest, EverythingElseDecodesStrictly) {
-  const nlohmann::json good = toJson(fullFeed());
+  const json good = toJson(fullFeed());
   ASSERT_TRUE(decodeFeed(good).ok());
   auto fails = [&](auto change) {
-    nlohmann::json j = good;
+    json j = good;
     change(j);
     return !decodeFeed(j).ok();
   };
@@ -138,16 +132,27 @@ TEST(FeedTest, EverythingElseDecodesStrictly) {
   EXPECT_TRUE(fails([](auto& j) { j["now"].erase("rate_tokens_per_min"); }));
   EXPECT_TRUE(fails([](auto& j) { j["diagnostics"]["persist"].erase("bytes_last"); }));
   EXPECT_TRUE(fails([](auto& j) { j["windows"].erase("week"); }));
+  EXPECT_TRUE(fails([](auto& j) { j["windows"]["session"]["tokens"] = 1.5; }));
+  EXPECT_TRUE(fails([](auto& j) { j["windows"]["session"]["near_limit"] = "yes"; }));
+  EXPECT_TRUE(fails([](auto& j) { j["windows"]["month"].erase("anchor"); }));
+  EXPECT_FALSE(fails([](auto& j) { j["windows"]["session"]["anchor"] = nullptr; }));
+  EXPECT_TRUE(fails([](auto& j) { j["diagnostics"]["exclusions"]["dedup_refusal"].erase("dollars_usd"); }));
   EXPECT_TRUE(fails([](auto& j) { j["parser_alarm"] = "yes"; }));
   EXPECT_TRUE(fails([](auto& j) { j["today"]["tokens_by_family"]["opus"] = "many"; }));
   EXPECT_TRUE(fails([](auto& j) { j["ledger"].erase("month_event_count"); }));
   EXPECT_FALSE(decodeFeedJSON("{\"generated_at\": ").ok());
 }
 
-TEST(FeedEncoderTest, ReusedRowsGiveTheSameBytesAsAFreshEncoding) {
-  FeedEncoder encoder;
+TEST(FeedTest, EveryKeyRoundTripsAndReusedRowsGiveTheSameBytes) {
   Feed f = fullFeed();
-  EXPECT_EQ(encoder.encode(f), encodeFeedJSON(f));
+  const std::string text = encodeFeedJSON(f);
+  EXPECT_EQ(text.find("null"), std::string::npos);
+  auto back = decodeFeedJSON(text);
+  ASSERT_TRUE(back.ok()) << back.error().message;
+  EXPECT_EQ(back.value(), f);
+
+  FeedEncoder encoder;
+  EXPECT_EQ(encoder.encode(f), text);
   // A changed row, a new one, a vanished one, and a new order.
   f.sessions_all[1].temperature = "cold";
   f.sessions_all[1].project = "with \"quotes\" and\nbreaks";

@@ -25,7 +25,6 @@ struct Assistant {
   std::optional<Usage> usage = Usage{};
   std::optional<std::string> text;  // one text block
   bool apiError = false;
-  std::optional<std::string> cwd;
 };
 
 inline std::string assistantLine(const Assistant& a) {
@@ -44,8 +43,29 @@ inline std::string assistantLine(const Assistant& a) {
   nlohmann::json j = {{"type", "assistant"}, {"timestamp", a.timestamp}, {"message", message}};
   if (a.requestId) j["requestId"] = *a.requestId;
   if (a.apiError) j["isApiErrorMessage"] = true;
-  if (a.cwd) j["cwd"] = *a.cwd;
   return j.dump();
+}
+
+// An assistant line of request `requestId` (none when absent) at `timestamp`.
+inline std::string turnLine(const std::string& timestamp, const std::optional<std::string>& requestId,
+                            const Usage& usage, const std::string& model = "claude-opus-4-1") {
+  Assistant a;
+  a.timestamp = timestamp;
+  a.requestId = requestId;
+  a.model = model;
+  a.usage = usage;
+  return assistantLine(a);
+}
+
+// A limit message: the synthetic API error Claude Code writes when the user
+// is cut off.
+inline std::string limitLine(const std::string& timestamp, const std::string& text) {
+  Assistant a;
+  a.timestamp = timestamp;
+  a.model = "<synthetic>";
+  a.text = text;
+  a.apiError = true;
+  return assistantLine(a);
 }
 
 // A user line whose content is typed text.

@@ -9,13 +9,7 @@
 namespace ostler {
 namespace {
 
-using testing::appendFile;
-using testing::Assistant;
-using testing::assistantLine;
-using testing::at;
-using testing::jsonl;
-using testing::TempDir;
-using testing::Usage;
+using namespace testing;
 
 // Every token costs one cent on "claude-opus…", so a line of N tokens costs
 // N / 100 dollars; "claude-fable…" costs the same.
@@ -50,20 +44,14 @@ class AccountingTest : public ::testing::Test {
   LiveEngine engine_{centPerToken(), "UTC"};
 };
 
-Assistant line(const char* ts, std::optional<std::string> rid, int64_t output,
-               std::string model = "claude-opus-4-1") {
-  Assistant a;
-  a.timestamp = ts;
-  a.requestId = std::move(rid);
-  a.usage = Usage{.output = output};
-  a.model = std::move(model);
-  return a;
+std::string line(const char* ts, const std::optional<std::string>& rid, int64_t output,
+                 const std::string& model = "claude-opus-4-1") {
+  return turnLine(ts, rid, {.output = output}, model);
 }
 
 TEST_F(AccountingTest, RequestCountsOnceAtItsLastRunningTotal) {
-  append({assistantLine(line("2026-03-10T10:00:00Z", "r1", 100)),
-          assistantLine(line("2026-03-10T10:00:01Z", "r1", 300)),
-          assistantLine(line("2026-03-10T10:00:02Z", "r1", 300))});
+  append({line("2026-03-10T10:00:00Z", "r1", 100), line("2026-03-10T10:00:01Z", "r1", 300),
+          line("2026-03-10T10:00:02Z", "r1", 300)});
   poll();
   EXPECT_DOUBLE_EQ(spent(), 3.0);
   EXPECT_EQ(engine_.todayTurns(), 1);
@@ -71,30 +59,28 @@ TEST_F(AccountingTest, RequestCountsOnceAtItsLastRunningTotal) {
   // The third line adds a burn of nothing.
   EXPECT_EQ(burns(), (std::vector<std::pair<double, int64_t>>{{1.0, 100}, {2.0, 200}, {0.0, 0}}));
 
-  // A stub first line (no tokens) leaves the whole of the next line new.
-  append({assistantLine(line("2026-03-10T10:01:00Z", "r2", 0)),
-          assistantLine(line("2026-03-10T10:01:01Z", "r2", 500))});
+  // A stub first line (no tokens) leaves the whole of the next line new; a
+  // request whose total falls to nothing and rises again is still one turn.
+  append({line("2026-03-10T10:01:00Z", "r2", 0), line("2026-03-10T10:01:01Z", "r2", 500),
+          line("2026-03-10T10:01:30Z", "r3", 100), line("2026-03-10T10:01:31Z", "r3", 0),
+          line("2026-03-10T10:01:32Z", "r3", 200)});
   poll();
-  EXPECT_DOUBLE_EQ(spent(), 8.0);
-  EXPECT_EQ(engine_.todayTurns(), 2);
-  EXPECT_EQ(burns().size(), 4u);
-  EXPECT_EQ(burns().back(), (std::pair<double, int64_t>{5.0, 500}));
+  EXPECT_DOUBLE_EQ(spent(), 10.0);
+  EXPECT_EQ(engine_.todayTurns(), 3);
+  EXPECT_EQ(burns().size(), 6u);
+  EXPECT_EQ(burns()[3], (std::pair<double, int64_t>{5.0, 500}));
 
   // Without a request id, or with an empty one, every line is its own request.
-  Assistant empty = line("2026-03-10T10:02:00Z", "", 10);
-  append({assistantLine(line("2026-03-10T10:02:00Z", std::nullopt, 10)),
-          assistantLine(line("2026-03-10T10:02:00Z", std::nullopt, 10)), assistantLine(empty),
-          assistantLine(empty)});
+  append({line("2026-03-10T10:02:00Z", std::nullopt, 10), line("2026-03-10T10:02:00Z", std::nullopt, 10),
+          line("2026-03-10T10:02:00Z", "", 10), line("2026-03-10T10:02:00Z", "", 10)});
   poll();
-  EXPECT_EQ(engine_.todayTurns(), 6);
-  EXPECT_DOUBLE_EQ(spent(), 8.4);
+  EXPECT_EQ(engine_.todayTurns(), 7);
+  EXPECT_DOUBLE_EQ(spent(), 10.4);
 }
 
 TEST_F(AccountingTest, RequestSeenInAnotherFileIsRefusedWhole) {
-  append({assistantLine(line("2026-03-10T10:00:00Z", "r1", 100))}, "a.jsonl");
-  append({assistantLine(line("2026-03-10T10:00:00Z", "r1", 100)),
-          assistantLine(line("2026-03-10T10:00:01Z", "r1", 250))},
-         "b.jsonl");
+  append({line("2026-03-10T10:00:00Z", "r1", 100)}, "a.jsonl");
+  append({line("2026-03-10T10:00:00Z", "r1", 100), line("2026-03-10T10:00:01Z", "r1", 250)}, "b.jsonl");
   poll();
   EXPECT_DOUBLE_EQ(spent(), 1.0);
   EXPECT_EQ(engine_.todayTurns(), 1);
@@ -106,9 +92,8 @@ TEST_F(AccountingTest, RequestSeenInAnotherFileIsRefusedWhole) {
 }
 
 TEST_F(AccountingTest, LineAfterMidnightFoldsByThePreviousLinesVerdict) {
-  append({assistantLine(line("2026-03-09T23:59:59Z", "r1", 100)),
-          assistantLine(line("2026-03-10T00:00:01Z", "r1", 300)),
-          assistantLine(line("2026-03-10T00:00:02Z", "r1", 600))});
+  append({line("2026-03-09T23:59:59Z", "r1", 100), line("2026-03-10T00:00:01Z", "r1", 300),
+          line("2026-03-10T00:00:02Z", "r1", 600)});
   poll();
   // The first line after midnight rises by 2 under yesterday's verdict; the
   // line after it rises by 3 under the first one's, which counts.
@@ -122,7 +107,7 @@ TEST_F(AccountingTest, LineAfterMidnightFoldsByThePreviousLinesVerdict) {
   EXPECT_EQ(burns(), (std::vector<std::pair<double, int64_t>>{{1.0, 100}, {2.0, 200}, {3.0, 300}}));
 
   // A line at or after now is not today's either.
-  append({assistantLine(line("2026-03-10T12:00:00Z", "r9", 100))});
+  append({line("2026-03-10T12:00:00Z", "r9", 100)});
   poll();
   EXPECT_DOUBLE_EQ(spent(), 3.0);
   EXPECT_EQ(engine_.exclusion(ExclusionReason::kTimestampGate).count, 3);
@@ -130,14 +115,14 @@ TEST_F(AccountingTest, LineAfterMidnightFoldsByThePreviousLinesVerdict) {
 
 TEST_F(AccountingTest, FamiliesUndatedLinesAndOddTotals) {
   append({
-      assistantLine(line("2026-03-10T10:00:00Z", "f1", 100, "claude-fable-5")),
+      line("2026-03-10T10:00:00Z", "f1", 100, "claude-fable-5"),
       // Unknown models are priced at the opus row of the table: spend and a
       // turn, but no family.
-      assistantLine(line("2026-03-10T10:00:01Z", "u1", 100, "gpt-9")),
+      line("2026-03-10T10:00:01Z", "u1", 100, "gpt-9"),
       // No usable timestamp: its dollars are tallied and nothing counts.
-      assistantLine(line("yesterday", "x1", 100)),
+      line("yesterday", "x1", 100),
       // A negative total is not a stub: it makes a turn and a burn.
-      assistantLine(line("2026-03-10T10:00:02Z", "n1", -5)),
+      line("2026-03-10T10:00:02Z", "n1", -5),
   });
   poll();
   EXPECT_EQ(family("fable"), 100);
@@ -154,14 +139,9 @@ TEST_F(AccountingTest, FamiliesUndatedLinesAndOddTotals) {
 }
 
 TEST_F(AccountingTest, SessionRecordFollowsTheNewestTurns) {
-  Assistant first = line("2026-03-10T10:00:00Z", "a", 0, "claude-opus-4-1");
-  first.usage = Usage{.input = 10, .cacheRead = 20, .cache1h = 5};
-  Assistant sameTime = first;
-  sameTime.requestId = "b";
-  sameTime.model = "claude-fable-5";
-  sameTime.usage = Usage{.input = 1, .output = 7, .cache5m = 2};
-  Assistant older = line("2026-03-10T09:00:00Z", "c", 50, "claude-haiku-4");
-  append({assistantLine(first), assistantLine(sameTime), assistantLine(older)});
+  append({turnLine("2026-03-10T10:00:00Z", "a", {.input = 10, .cacheRead = 20, .cache1h = 5}),
+          turnLine("2026-03-10T10:00:00Z", "b", {.input = 1, .output = 7, .cache5m = 2}, "claude-fable-5"),
+          line("2026-03-10T09:00:00Z", "c", 50, "claude-haiku-4")});
   poll();
   const SessionLiveState& s = engine_.sessionState().at("s1");
   // Equal timestamps: the line read later wins; an older line moves nothing.
@@ -176,9 +156,8 @@ TEST_F(AccountingTest, SessionRecordFollowsTheNewestTurns) {
 }
 
 TEST_F(AccountingTest, SetupCaptureMovesToAnEarlierTurnInAFileReadLater) {
-  append({assistantLine(line("2026-03-10T10:00:00Z", "top", 100))});
-  append({assistantLine(line("2026-03-10T09:00:00Z", "sub", 100, "claude-fable-5"))},
-         "s1/subagents/agent-1.jsonl");
+  append({line("2026-03-10T10:00:00Z", "top", 100)});
+  append({line("2026-03-10T09:00:00Z", "sub", 100, "claude-fable-5")}, "s1/subagents/agent-1.jsonl");
   poll();
   const SessionLiveState* s = &engine_.sessionState().at("s1");
   EXPECT_EQ(s->setupTaxAt, at("2026-03-10T09:00:00Z"));
@@ -186,8 +165,8 @@ TEST_F(AccountingTest, SetupCaptureMovesToAnEarlierTurnInAFileReadLater) {
   EXPECT_EQ(engine_.subagentLastModel().begin()->second, "claude-fable-5");
 
   // The captured request runs on from that file; its instant stays.
-  append({assistantLine(line("2026-03-10T09:00:05Z", "sub", 900))}, "s1/subagents/agent-1.jsonl");
-  append({assistantLine(line("2026-03-10T09:30:00Z", "late", 1))});
+  append({line("2026-03-10T09:00:05Z", "sub", 900)}, "s1/subagents/agent-1.jsonl");
+  append({line("2026-03-10T09:30:00Z", "late", 1)});
   poll();
   s = &engine_.sessionState().at("s1");
   EXPECT_EQ(s->setupTaxAt, at("2026-03-10T09:00:00Z"));
@@ -195,13 +174,7 @@ TEST_F(AccountingTest, SetupCaptureMovesToAnEarlierTurnInAFileReadLater) {
 }
 
 TEST_F(AccountingTest, QuotaEventKeepsTheNewestSessionLimitMessage) {
-  auto limit = [](const char* ts, const char* text) {
-    Assistant a = line(ts, std::nullopt, 0, "<synthetic>");
-    a.apiError = true;
-    a.text = text;
-    return assistantLine(a);
-  };
-  append({limit("2026-03-10T10:00:00.000Z", "Session limit reached \xE2\x88\x99 resets 3:00pm (UTC)")});
+  append({limitLine("2026-03-10T10:00:00.000Z", "Session limit reached \xE2\x88\x99 resets 3:00pm (UTC)")});
   poll();
   EXPECT_EQ(engine_.quotaLastEventAt(), "2026-03-10T10:00:00.000Z");
   EXPECT_EQ(engine_.quotaResetsNote(), "resets 3:00pm (UTC)");
@@ -209,11 +182,11 @@ TEST_F(AccountingTest, QuotaEventKeepsTheNewestSessionLimitMessage) {
 
   // Older by text, or about another limit: ignored. Newer without a phrase:
   // clears the note.
-  append({limit("2026-03-10T09:00:00.000Z", "session limit reached resets 1:00pm (UTC)"),
-          limit("2026-03-10T11:00:00.000Z", "weekly limit reached resets 1:00pm (UTC)")});
+  append({limitLine("2026-03-10T09:00:00.000Z", "session limit reached resets 1:00pm (UTC)"),
+          limitLine("2026-03-10T11:00:00.000Z", "weekly limit reached resets 1:00pm (UTC)")});
   poll();
   EXPECT_EQ(engine_.quotaResetsNote(), "resets 3:00pm (UTC)");
-  append({limit("2026-03-10T11:30:00.000Z", "SESSION LIMIT reached")});
+  append({limitLine("2026-03-10T11:30:00.000Z", "SESSION LIMIT reached")});
   poll();
   EXPECT_EQ(engine_.quotaLastEventAt(), "2026-03-10T11:30:00.000Z");
   EXPECT_FALSE(engine_.quotaResetsNote());
@@ -221,8 +194,6 @@ TEST_F(AccountingTest, QuotaEventKeepsTheNewestSessionLimitMessage) {
 }
 
 TEST_F(AccountingTest, ImageRunsSurviveThreeTextLinesAndArePricedAtTheReplysInputRate) {
-  using testing::userImageLine;
-  using testing::userTextLine;
   append({userImageLine(2, 4000, "2026-03-10T10:00:00Z"), userTextLine("a"), userTextLine("b"), userTextLine("c"),
           userImageLine(1, 400, "2026-03-10T10:05:00Z")});
   poll();
@@ -232,7 +203,7 @@ TEST_F(AccountingTest, ImageRunsSurviveThreeTextLinesAndArePricedAtTheReplysInpu
   EXPECT_EQ(m->pendingImageCount, 3);
   EXPECT_EQ(m->runLastImageAt, at("2026-03-10T10:05:00Z"));
 
-  append({assistantLine(line("2026-03-10T10:05:01Z", "r1", 10))});
+  append({line("2026-03-10T10:05:01Z", "r1", 10)});
   poll();
   m = &engine_.fileMediaState().begin()->second;
   EXPECT_EQ(m->pendingImageTokens, 0);

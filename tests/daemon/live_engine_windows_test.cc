@@ -9,30 +9,14 @@
 namespace ostler {
 namespace {
 
-using testing::appendFile;
-using testing::Assistant;
-using testing::assistantLine;
-using testing::at;
-using testing::jsonl;
-using testing::TempDir;
-using testing::Usage;
+using namespace testing;
 
 std::string turn(const char* ts, const char* rid, int64_t output, const char* model = "claude-opus-4") {
-  Assistant a;
-  a.timestamp = ts;
-  a.requestId = rid;
-  a.model = model;
-  a.usage = Usage{.output = output};
-  return assistantLine(a);
+  return turnLine(ts, rid, {.output = output}, model);
 }
 
 std::string sessionLimit(const char* ts, const char* phrase) {
-  Assistant a;
-  a.timestamp = ts;
-  a.model = "<synthetic>";
-  a.apiError = true;
-  a.text = std::string("5-hour session limit reached \xE2\x88\x99 ") + phrase;
-  return assistantLine(a);
+  return limitLine(ts, std::string("5-hour session limit reached \xE2\x88\x99 ") + phrase);
 }
 
 class WindowsTest : public ::testing::Test {

@@ -8,19 +8,12 @@
 #include "daemon/live_engine.h"
 #include "daemon/today_equality_check.h"
 #include "line_builder.h"
-#include "meter/meter_engine.h"
 #include "support/test_support.h"
 
 namespace ostler {
 namespace {
 
-using testing::Assistant;
-using testing::assistantLine;
-using testing::at;
-using testing::jsonl;
-using testing::TempDir;
-using testing::Usage;
-using testing::writeFile;
+using namespace testing;
 
 const InstantMs kNow = at("2026-03-10T12:00:00Z");
 
@@ -43,44 +36,7 @@ TEST(OdometerTest, BundleRoundsTheStampOnceAfterTheSum) {
   lifetime.period.from = "2026-01-01T00:00:00.000Z";
   Odometer::Bundle b = Odometer::bundle(lifetime, Receipt{}, WindowScan::Walls{}, std::nullopt);
   // Rounded apart the two would give 0.3; the sum rounds up.
-  EXPECT_DOUBLE_EQ(b.odometer.stamp_usd, 0.300001);
   EXPECT_EQ(b.odometer, (FeedOdometer{9.5, 0.300001, 0.2000004, "2026-01-01T00:00:00.000Z"}));
-}
-
-TEST(OdometerTest, ComputeRunsEveryJobAndAsksForTokensOnlyWhenTold) {
-  TempDir dir;
-  auto turn = [](const char* ts, const char* rid, const char* model) {
-    Assistant a;
-    a.timestamp = ts;
-    a.requestId = rid;
-    a.model = model;
-    a.usage = Usage{.input = 100, .output = 50, .cacheRead = 1000};
-    return assistantLine(a);
-  };
-  writeFile(dir.path() / "p" / "a.jsonl", jsonl({turn("2026-03-09T10:00:00Z", "r1", "claude-opus-4-1"),
-                                                 turn("2026-03-10T10:00:00Z", "r2", "claude-sonnet-4-5"),
-                                                 turn("2026-03-10T11:00:00Z", "r3", "claude-sonnet-4-5")}));
-  const InstantMs boundary = at("2026-03-10T00:00:00Z");
-  Odometer::Bundle without = Odometer::compute(dir.str(), PricingTable::defaultTable(), boundary, kNow, false, "UTC");
-  EXPECT_EQ(without.windowedTokensByFamily, std::nullopt);
-  EXPECT_EQ(without.lifetimeReceipt.totals.turns, 3);
-  EXPECT_EQ(without.todayWindowedReceipt.totals.turns, 2);
-  EXPECT_EQ(without.odometer.spent_usd, without.lifetimeReceipt.totals.spent_usd);
-  MeterOptions whole;
-  whole.root = dir.str();
-  EXPECT_EQ(without.lifetimeReceipt.totals, MeterEngine::run(whole).totals);
-
-  Odometer::Bundle with = Odometer::compute(dir.str(), PricingTable::defaultTable(), boundary, kNow, true, "UTC");
-  ASSERT_TRUE(with.windowedTokensByFamily);
-  EXPECT_EQ(with.windowedTokensByFamily->at("sonnet"), 2 * 1150);
-  EXPECT_FALSE(with.windowedTokensByFamily->contains("opus"));
-
-  // A day with no lines: both sums are 0 and the check matches.
-  Odometer::Bundle later =
-      Odometer::compute(dir.str(), PricingTable::defaultTable(), at("2026-03-11T00:00:00Z"), at("2026-03-11T06:00:00Z"),
-                        false, "UTC");
-  EXPECT_EQ(later.todayWindowedReceipt.totals.spent_usd, 0);
-  EXPECT_TRUE(TodayEqualityCheck::check(0, 0, later.todayWindowedReceipt.totals.spent_usd, kNow, nullptr).matches);
 }
 
 TEST(TodayEqualityCheckTest, BoundsAreInclusiveAndLopsided) {
@@ -100,9 +56,6 @@ TEST(TodayEqualityCheckTest, BoundsAreInclusiveAndLopsided) {
     FeedDiagnosticsEquality d = TodayEqualityCheck::check(c.accumulator, 9, c.windowed, kNow, nullptr);
     EXPECT_EQ(d.matches, c.matches) << c.accumulator << " against " << c.windowed;
     EXPECT_DOUBLE_EQ(d.diff_usd, roundUSD(c.accumulator - c.windowed));
-    EXPECT_EQ(d.checked_at, "2026-03-10T12:00:00.000Z");
-    EXPECT_EQ(d.accumulator_spent_usd, c.accumulator);
-    EXPECT_EQ(d.accumulator_turns, 9);
   }
   EXPECT_EQ(logged(5.000002, 5.0),
             "ostlerd: WARNING today equality check diverged: accumulator=5.000002 windowed=5.000000 diff=0.000002\n");
@@ -113,12 +66,8 @@ TEST(TodayEqualityCheckTest, BoundsAreInclusiveAndLopsided) {
 
 TEST(SnapshotTodayTest, FamiliesSharesAndTheSpendBasis) {
   TempDir dir;
-  Assistant a;
-  a.timestamp = "2026-03-10T10:00:00Z";
-  a.requestId = "r1";
-  a.model = "claude-haiku-4-5";
-  a.usage = Usage{.input = 1'000'000};
-  writeFile(dir.path() / "p" / "a.jsonl", jsonl({assistantLine(a)}));
+  writeFile(dir.path() / "p" / "a.jsonl",
+            jsonl({turnLine("2026-03-10T10:00:00Z", "r1", {.input = 1'000'000}, "claude-haiku-4-5")}));
   LiveEngine engine(PricingTable::defaultTable(), "UTC");
 
   // An empty day still names the four families; no spend means no shares,
@@ -155,11 +104,6 @@ TEST(SnapshotTodayTest, FamiliesSharesAndTheSpendBasis) {
   EXPECT_DOUBLE_EQ(windowed.avoidable_share, 0.2);
   // The override never touches the accumulator.
   EXPECT_EQ(engine.todayAccumulatorSnapshot().spentUSD, 1.0);
-}
-
-TEST(ISO8601Test, TheEarliestInstantIsWrittenInYearOne) {
-  EXPECT_EQ(ISO8601::fractional(kEarliestInstant), "0001-01-01T00:00:00.000Z");
-  EXPECT_EQ(ISO8601::parse("0001-01-01T00:00:00.000Z"), kEarliestInstant);
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -150,19 +149,14 @@ TEST(OstlerdTest, FollowsAGrowingTreeStopsCleanlyAndRestartsFromItsState) {
     // A cold start read every line, the tree's bad ones and older days' too.
     ASSERT_TRUE(before.diagnostics.exclusions);
     EXPECT_GT(before.diagnostics.exclusions->parse_skip.count, 0);
-    struct stat st;
-    ASSERT_EQ(::stat(feedPath.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
 
     // A new request in one chat, written as Claude Code writes it.
     const InstantMs stamp = systemClock().nowMs() - 200;
-    testing::Assistant a;
-    a.timestamp = ISO8601::fractional(stamp);
-    a.requestId = "req-appended-by-test";
-    a.model = "claude-sonnet-4-5";
-    a.usage = testing::Usage{.input = 1000, .output = 500, .cacheRead = 20'000, .cache5m = 3'000};
+    const std::string line =
+        testing::turnLine(ISO8601::fractional(stamp), "req-appended-by-test",
+                          {.input = 1000, .output = 500, .cacheRead = 20'000, .cache5m = 3'000}, "claude-sonnet-4-5");
     const auto appendedAt = std::chrono::steady_clock::now();
-    testing::appendFile(transcript, testing::assistantLine(a) + "\n");
+    testing::appendFile(transcript, line + "\n");
     auto changed = waitForFeed(feedPath, Seconds(2), [&](const Feed& f) {
       const FeedSession* r = row(f.sessions_all, sessionId);
       return f.today.spent_usd > before.today.spent_usd && r != nullptr && r->context_tokens == 24'000 &&
@@ -205,14 +199,12 @@ TEST(OstlerdTest, FollowsAGrowingTreeStopsCleanlyAndRestartsFromItsState) {
 }
 
 TEST(OstlerdTest, UsageErrorsExitTwoWithOneLine) {
-  std::string out;
-  const std::string bin = OSTLER_BIN_DIR "/ostlerd";
-  EXPECT_EQ(testing::runCommand("'" + bin + "' --interval -1 2>&1", &out), 2);
-  EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1) << out;
-  EXPECT_EQ(out.rfind("ostlerd: ", 0), 0u) << out;
-  out.clear();
-  EXPECT_EQ(testing::runCommand("'" + bin + "' --no-such-flag 2>&1", &out), 2);
-  EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1) << out;
+  for (const char* args : {"--interval -1", "--no-such-flag"}) {
+    std::string out;
+    EXPECT_EQ(testing::runCommand("'" OSTLER_BIN_DIR "/ostlerd' " + std::string(args) + " 2>&1", &out), 2) << args;
+    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1) << out;
+    EXPECT_EQ(out.rfind("ostlerd: ", 0), 0u) << out;
+  }
 }
 
 }  // namespace

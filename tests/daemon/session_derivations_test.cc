@@ -54,10 +54,6 @@ TEST(PromptStateDerivationTest, BoundariesOfQuietReadyAndWarming) {
   EXPECT_EQ(derive(30'000, 10'500, false, kFloor, kBudget, 1'000.0).estimateSeconds, 20);  // 19.5 rounds up
   EXPECT_EQ(derive(30'000, 0, false, kFloor, kBudget, 0.0).estimateSeconds, std::nullopt);
   EXPECT_EQ(derive(30'000, 0, false, kFloor, kBudget, -5.0).estimateSeconds, std::nullopt);
-
-  FeedPromptState warming = DaemonPromptState::warming(40, true, 12).wireValue();
-  EXPECT_EQ(warming, (FeedPromptState{"warming", 40, 12}));
-  EXPECT_EQ(DaemonPromptState::ready().wireValue(), (FeedPromptState{"ready", std::nullopt, std::nullopt}));
   EXPECT_EQ(toJson(DaemonPromptState::quiet().wireValue()).dump(), R"({"state":"quiet"})");
 }
 
@@ -77,9 +73,6 @@ TEST(NudgeDerivationTest, WarnsInTheLastMinuteOnlyWhileTheUserIsPresent) {
   // Presence: idle below the threshold only.
   EXPECT_EQ(derive(kLast, false, kLast + 270'000, 119.999, kPresence), DaemonNudgeState::warning(30));
   EXPECT_EQ(derive(kLast, false, kLast + 270'000, 120.0, kPresence), DaemonNudgeState::none());
-
-  EXPECT_EQ(DaemonNudgeState::none().wireValue(), std::nullopt);
-  EXPECT_EQ(DaemonNudgeState::warning(7).wireValue(), (FeedNudgeState{"warning", 7}));
 }
 
 TEST(AgentsByModelAggregateTest, BusiestThenDearestThenNameWithPendingAndUnrecognizedLast) {

@@ -7,22 +7,16 @@
 namespace ostler {
 namespace {
 
-using testing::TempDir;
-using testing::writeFile;
+using namespace testing;
 
 TEST(SessionDiscoveryTest, ProjectsThenTopLevelFilesThenSubagentsSessionBySession) {
   TempDir dir;
   const auto& root = dir.path();
-  writeFile(root / "b-proj" / "s2.jsonl", "");
-  writeFile(root / "b-proj" / "s1.jsonl", "");
-  writeFile(root / "b-proj" / "notes.txt", "");
-  writeFile(root / "b-proj" / "s2" / "subagents" / "agent-b.jsonl", "");
-  writeFile(root / "b-proj" / "s2" / "subagents" / "deep" / "agent-a.jsonl", "");
-  // A subagent folder whose top-level transcript is gone still names its chat.
-  writeFile(root / "b-proj" / "s0" / "subagents" / "agent-z.jsonl", "");
-  writeFile(root / "b-proj" / "s1" / "other" / "x.jsonl", "");
-  writeFile(root / "a-proj" / "s9.jsonl", "");
-  writeFile(root / "stray.jsonl", "");
+  // s0's subagent folder names its chat though the top-level transcript is gone.
+  for (const char* path : {"b-proj/s2.jsonl", "b-proj/s1.jsonl", "b-proj/notes.txt", "b-proj/s2/subagents/agent-b.jsonl",
+                           "b-proj/s2/subagents/deep/agent-a.jsonl", "b-proj/s0/subagents/agent-z.jsonl",
+                           "b-proj/s1/other/x.jsonl", "a-proj/s9.jsonl", "stray.jsonl"})
+    writeFile(root / path, "");
 
   auto files = SessionDiscovery::discoverFiles(root.string());
   std::vector<std::string> paths;

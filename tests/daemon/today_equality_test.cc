@@ -17,14 +17,7 @@
 namespace ostler {
 namespace {
 
-using testing::Assistant;
-using testing::assistantLine;
-using testing::at;
-using testing::generateTree;
-using testing::jsonl;
-using testing::TempDir;
-using testing::Usage;
-using testing::writeFile;
+using namespace testing;
 
 // The check's diff for `root` at `now` in `zone`.
 double equalityDiff(const std::string& root, InstantMs now, const std::string& zone) {
@@ -62,12 +55,7 @@ TEST(TodayEqualityTest, TreeWrittenTodayMatches) {
 TEST(TodayEqualityTest, RequestStraddlingMidnightLeavesTheAccumulatorTrailing) {
   TempDir dir;
   auto turn = [](const char* ts, const char* rid, int64_t output) {
-    Assistant a;
-    a.timestamp = ts;
-    a.requestId = rid;
-    a.model = "claude-sonnet-4-5";
-    a.usage = Usage{.input = 10, .output = output, .cacheRead = 30'000};
-    return assistantLine(a);
+    return turnLine(ts, rid, {.input = 10, .output = output, .cacheRead = 30'000}, "claude-sonnet-4-5");
   };
   const InstantMs now = at("2026-03-10T12:00:00Z");
   writeFile(dir.path() / "p" / "a.jsonl", jsonl({turn("2026-03-10T08:00:00Z", "r1", 500),

@@ -9,43 +9,24 @@
 namespace ostler {
 namespace {
 
-using testing::Assistant;
-using testing::assistantLine;
-using testing::at;
-using testing::jsonl;
-using testing::TempDir;
-using testing::Usage;
-using testing::writeFile;
+using namespace testing;
 
-Assistant turn(const char* ts, std::optional<std::string> rid, int64_t output, const char* model = "claude-opus-4") {
-  Assistant a;
-  a.timestamp = ts;
-  a.requestId = std::move(rid);
-  a.model = model;
-  a.usage = Usage{.output = output};
-  return a;
-}
-
-Assistant limitMessage(const char* ts, const char* text) {
-  Assistant a = turn(ts, std::nullopt, 0, "<synthetic>");
-  a.apiError = true;
-  a.text = text;
-  return a;
+std::string turn(const char* ts, std::optional<std::string> rid, int64_t output, const char* model = "claude-opus-4") {
+  return turnLine(ts, rid, {.output = output}, model);
 }
 
 TEST(WindowScanTest, OneEventPerRequestAtItsLastLineFromItsFirstCopy) {
   TempDir dir;
   writeFile(dir.path() / "p" / "a.jsonl",
-            jsonl({assistantLine(turn("2026-03-10T10:00:00Z", "x", 100)),
-                   assistantLine(turn("2026-03-10T10:00:01Z", "x", 200)),
-                   assistantLine(turn("2026-03-10T10:00:02Z", "x", 300)), "garbage",
-                   assistantLine(turn("not a time", "y", 5)), R"({"type":"user","requestId":"z"})",
-                   assistantLine(turn("2026-03-10T10:01:00Z", std::nullopt, 40, "claude-fable-5")),
-                   assistantLine(turn("2026-03-10T10:02:00Z", "", 0))}));
+            jsonl({turn("2026-03-10T10:00:00Z", "x", 100), turn("2026-03-10T10:00:01Z", "x", 200),
+                   turn("2026-03-10T10:00:02Z", "x", 300), "garbage", turn("not a time", "y", 5),
+                   R"({"type":"user","requestId":"z"})",
+                   turn("2026-03-10T10:01:00Z", std::nullopt, 40, "claude-fable-5"),
+                   turn("2026-03-10T10:02:00Z", "", 0)}));
   // A resumed chat repeats request x with other figures: priced once, from
   // the file read first.
-  writeFile(dir.path() / "p" / "b.jsonl", jsonl({assistantLine(turn("2026-03-10T11:00:00Z", "x", 9000)),
-                                                 assistantLine(turn("2026-03-10T11:00:01Z", "w", 10))}));
+  writeFile(dir.path() / "p" / "b.jsonl", jsonl({turn("2026-03-10T11:00:00Z", "x", 9000),
+                                                 turn("2026-03-10T11:00:01Z", "w", 10)}));
   WindowScan::Result r = WindowScan::scan(dir.str(), PricingTable::defaultTable());
   ASSERT_EQ(r.events.size(), 4u);
   EXPECT_EQ(r.events[0], (BurnEvent{at("2026-03-10T10:00:02Z"), 300 * 25.0 / 1e6, false, 300}));
@@ -59,10 +40,10 @@ TEST(WindowScanTest, OneEventPerRequestAtItsLastLineFromItsFirstCopy) {
 TEST(WindowScanTest, LimitMessagesOfEitherShapeWithTheirPhrase) {
   TempDir dir;
   writeFile(dir.path() / "p" / "a.jsonl",
-            jsonl({assistantLine(limitMessage("2026-03-10T10:00:00Z", "Session limit reached \xE2\x88\x99 resets 3:00pm (UTC)")),
-                   assistantLine(limitMessage("2026-03-10T10:05:00Z", "Weekly limit reached")),
-                   assistantLine(limitMessage("2026-03-10T10:06:00Z", "session limit and weekly limit, RESETS soon")),
-                   assistantLine(limitMessage("2026-03-10T10:07:00Z", "overloaded"))}));
+            jsonl({limitLine("2026-03-10T10:00:00Z", "Session limit reached \xE2\x88\x99 resets 3:00pm (UTC)"),
+                   limitLine("2026-03-10T10:05:00Z", "Weekly limit reached"),
+                   limitLine("2026-03-10T10:06:00Z", "session limit and weekly limit, RESETS soon"),
+                   limitLine("2026-03-10T10:07:00Z", "overloaded")}));
   WindowScan::Result r = WindowScan::scan(dir.str(), PricingTable::defaultTable());
   ASSERT_EQ(r.limitEvents.size(), 3u);
   EXPECT_EQ(r.limitEvents[0], (WindowScan::LimitEvent{at("2026-03-10T10:00:00Z"), true, false, "resets 3:00pm (UTC)"}));

@@ -13,18 +13,8 @@
 namespace ostler {
 namespace {
 
-using testing::assistant;
-using testing::at;
-using testing::bash;
-using testing::imageBlock;
-using testing::json;
-using testing::readFile;
-using testing::textBlock;
-using testing::toolResult;
-using testing::toolUse;
-using testing::Tokens;
-using testing::Tree;
-using testing::user;
+using namespace testing;
+using testing::json;  // not ostler::json
 
 const std::string kOpus = "claude-opus-4-5";
 const std::string kHaiku = "claude-haiku-4-5";

@@ -5,7 +5,6 @@
 #include <cmath>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -52,14 +51,6 @@ void expectSameJson(const json& actual, const json& expected, const std::string&
   EXPECT_EQ(actual, expected) << path;
 }
 
-std::vector<std::string> linesWithoutGenerated(const std::string& text) {
-  std::vector<std::string> out;
-  std::stringstream in(text);
-  for (std::string line; std::getline(in, line);)
-    if (line.rfind("Generated ", 0) != 0) out.push_back(line);
-  return out;
-}
-
 TEST(GoldenReceiptsTest, EveryReferenceReceiptIsMet) {
   const auto golden = testing::sharedDir() / "golden";
   if (!std::filesystem::is_directory(golden)) GTEST_SKIP() << "no reference receipts beside the checkout";
@@ -89,8 +80,8 @@ TEST(GoldenReceiptsTest, EveryReferenceReceiptIsMet) {
     actual.erase("generated_at");
     expectSameJson(actual, expected, "");
 
-    const auto expectedText = linesWithoutGenerated(testing::readFile(golden / (c.receipt + ".txt")));
-    const auto actualText = linesWithoutGenerated(renderPlainTextReceipt(receipt));
+    const auto expectedText = testing::linesOf(testing::readFile(golden / (c.receipt + ".txt")), "Generated ");
+    const auto actualText = testing::linesOf(renderPlainTextReceipt(receipt), "Generated ");
     ASSERT_EQ(actualText.size(), expectedText.size());
     for (size_t i = 0; i < expectedText.size(); ++i) EXPECT_EQ(actualText[i], expectedText[i]) << "line " << i + 1;
   }

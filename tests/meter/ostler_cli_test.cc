@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -12,13 +11,8 @@
 namespace ostler {
 namespace {
 
-using testing::assistant;
-using testing::at;
-using testing::imageBlock;
-using testing::json;
-using testing::TempDir;
-using testing::Tree;
-using testing::user;
+using namespace testing;
+using testing::json;  // not ostler::json
 
 struct Outcome {
   int status = -1;  // the exit status; -1 when the process did not exit (a crash)
@@ -36,13 +30,6 @@ Outcome ostler(const std::string& args, const std::string& env = "") {
   o.out = testing::readFile(out);
   o.err = testing::readFile(err);
   return o;
-}
-
-std::vector<std::string> linesOf(const std::string& text) {
-  std::vector<std::string> out;
-  std::stringstream in(text);
-  for (std::string line; std::getline(in, line);) out.push_back(line);
-  return out;
 }
 
 std::string quoted(const std::string& s) { return "'" + s + "'"; }
@@ -72,20 +59,16 @@ TEST(OstlerCliTest, AMissingRootIsSaidInOneLine) {
 }
 
 TEST(OstlerCliTest, NoTranscriptsUnderTheDefaultRootNamesTheSample) {
-  TempDir home;
-  std::filesystem::create_directories(home.path() / ".claude" / "projects");
-  const Outcome o = ostler("receipt", "HOME=" + quoted(home.str()));
-  EXPECT_GT(o.status, 0);
-  EXPECT_EQ(linesOf(o.err).size(), 1u) << o.err;
-  EXPECT_NE(o.err.find("--root"), std::string::npos) << o.err;
-}
-
-TEST(OstlerCliTest, NoDefaultRootAtAllAlsoNamesTheSample) {
-  TempDir home;  // no .claude at all, as on a machine that never ran Claude Code
-  const Outcome o = ostler("receipt", "HOME=" + quoted(home.str()));
-  EXPECT_GT(o.status, 0);
-  EXPECT_EQ(linesOf(o.err).size(), 1u) << o.err;
-  EXPECT_NE(o.err.find("--root"), std::string::npos) << o.err;
+  // An empty projects folder, and no .claude at all, as on a machine that
+  // never ran Claude Code.
+  for (bool withProjects : {true, false}) {
+    TempDir home;
+    if (withProjects) std::filesystem::create_directories(home.path() / ".claude" / "projects");
+    const Outcome o = ostler("receipt", "HOME=" + quoted(home.str()));
+    EXPECT_GT(o.status, 0);
+    EXPECT_EQ(linesOf(o.err).size(), 1u) << o.err;
+    EXPECT_NE(o.err.find("--root"), std::string::npos) << o.err;
+  }
 }
 
 TEST(OstlerCliTest, PrintsTheReceiptAsTextOrJsonAndWritesTheLoops) {
@@ -98,13 +81,7 @@ TEST(OstlerCliTest, PrintsTheReceiptAsTextOrJsonAndWritesTheLoops) {
 
   const Outcome text = ostler("receipt --root " + quoted(tree.root().string()));
   ASSERT_EQ(text.status, 0) << text.err;
-  auto withoutGenerated = [](const std::string& t) {
-    std::vector<std::string> out;
-    for (const auto& l : linesOf(t))
-      if (l.rfind("Generated ", 0) != 0) out.push_back(l);
-    return out;
-  };
-  EXPECT_EQ(withoutGenerated(text.out), withoutGenerated(renderPlainTextReceipt(inProcess)));
+  EXPECT_EQ(linesOf(text.out, "Generated "), linesOf(renderPlainTextReceipt(inProcess), "Generated "));
   EXPECT_TRUE(text.err.empty()) << "no progress when standard error is not a terminal";
 
   TempDir dir;

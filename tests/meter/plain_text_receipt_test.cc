@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -15,21 +14,14 @@ namespace {
 
 Receipt emptyReceipt() { return buildReceipt(GlobalAggregator{}, MeterOptions{}, "2026-11-23T00:00:00Z"); }
 
-std::vector<std::string> linesOf(const std::string& text) {
-  std::vector<std::string> out;
-  std::stringstream in(text);
-  for (std::string line; std::getline(in, line);) out.push_back(line);
-  return out;
-}
-
 bool hasLine(const std::string& text, const std::string& line) {
-  const auto lines = linesOf(text);
+  const auto lines = testing::linesOf(text);
   return std::find(lines.begin(), lines.end(), line) != lines.end();
 }
 
 // The line after `line`, or "(none)".
 std::string lineAfter(const std::string& text, const std::string& line) {
-  const auto lines = linesOf(text);
+  const auto lines = testing::linesOf(text);
   auto it = std::find(lines.begin(), lines.end(), line);
   return it == lines.end() || it + 1 == lines.end() ? "(none)" : *(it + 1);
 }
@@ -125,6 +117,8 @@ TEST(PlainTextReceiptTest, CategoryBlockShowsThreeDetailsThenACount) {
   EXPECT_FALSE(hasLine(text, "  + 0 more"));
 }
 
+// Every optional block shows in the reference receipts; these are the edges
+// where one figure of a block is there and its neighbour is not.
 TEST(PlainTextReceiptTest, OptionalLinesFollowTheirFigures) {
   Receipt r = emptyReceipt();
   auto& d = r.waste.diagnostics_raw_usd;
@@ -137,51 +131,24 @@ TEST(PlainTextReceiptTest, OptionalLinesFollowTheirFigures) {
   EXPECT_EQ(lineAfter(text, "  see dispatch_downshift_usd above"), "");
 
   r.switch_tax->floor_usd = 0.1;
-  r.switch_tax->switch_count = 3;
-  r.switch_tax->session_count = 2;
   r.switch_tax->counterfactual_usd = 0.0;
   d.dispatch_downshift_usd = 0.3;
-  d.dispatch_downshift_units = 4;
-  d.dispatch_downshift_spend_usd = 1.234;
-  d.overweight = 2.0;
-  d.w1_composition = {1.5, 0.5};
   d.carried_dumps_read_usd = 0.75;
   r.waste.total_usd = 1.0;
-  r.typed_share->synthetic_zeroed_count = 2;
   r.auto_compactions->event_count = 1;
-  r.auto_compactions->involuntary_count = 1;
-  r.flags.unknown_models = {"gpt-4o"};
-  r.flags.skipped_lines = 7;
-  r.flags.subagent_files = 2;
-  r.flags.subagent_turns = 9;
-  r.mac_first.media_loops.loops = {{"abcdefgh-1234", "shop", 6, 0.42}};
   for (int i = 0; i < 6; ++i)
     r.top_sessions.push_back({"session" + std::to_string(i) + "-uuid", "shop", 1.0 - i * 0.1, 3, 100});
   text = renderPlainTextReceipt(r);
-  for (const std::string& line : {
-           row("  switch tax (floor)", "$0.10", 42),
-           std::string("  3 model switches, 2 sessions"),
-           row("counterfactual: dispatch on sonnet", "$0.30", 42),
-           std::string("4 dispatches, $1.23 spend (not in the number above)"),
-           row("raw estimate, all 7 (uncapped)", "$2.00", 42),
-           std::string("  W1 split: in $1.50 write $0.50"),
-           row("  carried dumps (cache reads)", "$0.75", 42),
-           std::string("2 messages priced at $0 (entered a synthetic turn, safe direction)"),
-           std::string("AUTO-COMPACTIONS (ESTIMATE, NEVER THE STAMP)"),
-           std::string("  1 events, 1 involuntary, 0 voluntary"),
-           row("  subset: shop loop, 6 img", "$0.42", 42),
-           row("shop session4", "$0.60", 42),
-           std::string("Unknown models priced at opus rate:"),
-           std::string("  gpt-4o"),
-           std::string("Skipped unparseable lines: 7"),
-           std::string("Subagents: 2 files, 9 turns folded into parent sessions"),
-       })
-    EXPECT_TRUE(hasLine(text, line)) << line;
+  EXPECT_TRUE(hasLine(text, row("  switch tax (floor)", "$0.10", 42)));
   EXPECT_EQ(text.find("counting the full cache"), std::string::npos);
-  EXPECT_EQ(text.find("session5"), std::string::npos);  // five top sessions only
+  EXPECT_TRUE(hasLine(text, row("counterfactual: dispatch on sonnet", "$0.30", 42)));
+  EXPECT_EQ(lineAfter(text, "  see dispatch_downshift_usd above"), "");  // one blank after both pairs
+  EXPECT_TRUE(hasLine(text, row("  carried dumps (cache reads)", "$0.75", 42)));
   EXPECT_EQ(text.find("carried context"), std::string::npos);
-  EXPECT_EQ(lineAfter(text, "  see dispatch_downshift_usd above"), "");
-  EXPECT_EQ(lineAfter(text, "  1 events, 1 involuntary, 0 voluntary"), "");
+  EXPECT_FALSE(hasLine(text, row("raw estimate, all 7 (uncapped)", "$0.00", 42)));  // not below the number
+  EXPECT_EQ(lineAfter(text, "  1 events, 0 involuntary, 0 voluntary"), "");
+  EXPECT_TRUE(hasLine(text, row("shop session4", "$0.60", 42)));
+  EXPECT_EQ(text.find("session5"), std::string::npos);  // five top sessions only
 }
 
 }  // namespace

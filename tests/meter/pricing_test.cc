@@ -76,19 +76,6 @@ TEST(PricingTest, ResolveRatePricesUnknownModelsAtOpusAndFreeOnesAtZero) {
   EXPECT_EQ(own.sonnetRate(), (PricingRate{9, 9, 9, 9, 9}));
 }
 
-TEST(PricingTest, CostFormulas) {
-  const PricingTable& table = PricingTable::defaultTable();
-  EXPECT_DOUBLE_EQ(CostMath::totalCost({1'000'000, 0, 0, 0, 0}, table.rates.at("claude-haiku")), 1.0);
-  EXPECT_DOUBLE_EQ(CostMath::totalCost({0, 0, 0, 0, 1'000'000}, table.rates.at("claude-fable")), 20.0);
-
-  const TurnUsage u{1'000, 2'000, 30'000, 4'000, 5'000};
-  EXPECT_EQ(CostMath::context(u), 40'000);  // output is not context
-  const double total = (5.0 * 1'000 + 25.0 * 2'000 + 0.5 * 30'000 + 6.25 * 4'000 + 10.0 * 5'000) / 1e6;
-  EXPECT_DOUBLE_EQ(CostMath::totalCost(u, kOpus), total);
-  EXPECT_DOUBLE_EQ(CostMath::outputCost(u, kOpus), 0.05);
-  EXPECT_NEAR(CostMath::promptCost(u, kOpus) + CostMath::outputCost(u, kOpus), total, 1e-12);
-}
-
 TEST(PricingTest, ShareBeginsPastOneHundredThousandTokens) {
   // The last context with no share, and the first with one.
   EXPECT_EQ(CostMath::share({60'000, 500, 40'000, 0, 0}), 0.0);

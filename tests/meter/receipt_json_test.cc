@@ -10,16 +10,8 @@
 namespace ostler {
 namespace {
 
-using nlohmann::json;
-using testing::assistant;
-using testing::at;
-using testing::bash;
-using testing::compactBoundary;
-using testing::imageBlock;
-using testing::readFile;
-using testing::toolResult;
-using testing::Tree;
-using testing::user;
+using namespace testing;
+using testing::json;  // not ostler::json
 
 // A receipt with something in every list and section: images then a turn
 // past 100k of context, a dump re-read after a switch to sonnet, an expired
@@ -44,11 +36,6 @@ Receipt populatedReceipt() {
                 {assistant("s1", opus, {.output = 5'000}, at(30), json::array({bash("b1", "echo 1")})),
                  assistant("s2", opus, {.output = 5'000}, at(31), json::array({bash("b2", "echo 2")})),
                  assistant("s3", opus, {.output = 5'000}, at(32), json::array({bash("b3", "echo 3")}))});
-  return tree.run();
-}
-
-Receipt emptyReceipt() {
-  Tree tree;
   return tree.run();
 }
 
@@ -106,17 +93,32 @@ TEST(ReceiptJsonTest, EmptyTreeReceiptWhole) {
       "sessions_distinct": 0},
     "session_id_convention": "session ids in this receipt are the first 8 characters of the transcript file's own name stem (a UUID in practice, not hex)"
   })json");
-  const std::string text = encodeReceiptJSON(emptyReceipt());
-  EXPECT_EQ(json::parse(text), expected);
-  // Pretty-printed with two spaces and sorted keys, ending in a line feed.
-  EXPECT_EQ(text, json::parse(text).dump(2) + "\n");
+  // A root with no transcripts in it, and one that does not exist.
+  Tree tree;
+  testing::writeFile(tree.root() / "-p" / "notes.txt", "not a transcript");
+  for (const auto& root : {tree.root(), tree.root() / "missing"}) {
+    MeterOptions o;
+    o.root = root.string();
+    const std::string text = encodeReceiptJSON(tree.run(o));
+    EXPECT_EQ(json::parse(text), expected) << root;
+    // Pretty-printed with two spaces and sorted keys, ending in a line feed.
+    EXPECT_EQ(text, json::parse(text).dump(2) + "\n");
+  }
 }
 
-TEST(ReceiptJsonTest, AbsentOptionalKeysAreLeftOut) {
+TEST(ReceiptJsonTest, RoundTripsAPopulatedReceiptAndLeavesAbsentKeysOut) {
   Receipt r = populatedReceipt();
-  json full = r;
-  expectNoNulls(full, "");
-  for (const char* key : {"typed_share", "switch_tax", "auto_compactions"}) EXPECT_TRUE(full.contains(key));
+  // Every list and section holds something, so the round trip covers it.
+  EXPECT_FALSE(r.by_model.empty() || r.by_project.empty() || r.by_day.empty() || r.top_sessions.empty() ||
+               r.flags.unknown_models.empty() || r.mac_first.media_loops.loops.empty() ||
+               r.switch_tax->top_switches.empty() || r.auto_compactions->top_events.empty());
+  for (const auto& c : r.waste.categories) EXPECT_FALSE(c.detail_lines.empty()) << c.key;
+  for (const auto& c : r.mac_first.categories) EXPECT_FALSE(c.detail_lines.empty()) << c.key;
+  EXPECT_EQ(r.flags.skipped_lines, 1);
+  auto decoded = decodeReceipt(json::parse(encodeReceiptJSON(r)));
+  ASSERT_TRUE(decoded.ok()) << decoded.error().message;
+  EXPECT_EQ(decoded.value(), r);
+  expectNoNulls(json(r), "");
 
   r.typed_share.reset();
   r.switch_tax.reset();
@@ -128,21 +130,6 @@ TEST(ReceiptJsonTest, AbsentOptionalKeysAreLeftOut) {
   EXPECT_EQ(j["waste"]["categories"][0]["detail_lines"][0], (json{{"text", "a line"}, {"usd", 1.0}}));
   for (const auto& c : j["waste"]["categories"]) EXPECT_FALSE(c.contains("session_attribution_note"));
   EXPECT_FALSE(j["mac_first"]["categories"][2].contains("session_attribution_note"));
-}
-
-TEST(ReceiptJsonTest, RoundTripsAPopulatedReceipt) {
-  const Receipt r = populatedReceipt();
-  // Every list and section holds something, so the round trip covers it.
-  EXPECT_FALSE(r.by_model.empty() || r.by_project.empty() || r.by_day.empty() || r.top_sessions.empty() ||
-               r.flags.unknown_models.empty() || r.mac_first.media_loops.loops.empty() ||
-               r.switch_tax->top_switches.empty() || r.auto_compactions->top_events.empty());
-  for (const auto& c : r.waste.categories) EXPECT_FALSE(c.detail_lines.empty()) << c.key;
-  for (const auto& c : r.mac_first.categories) EXPECT_FALSE(c.detail_lines.empty()) << c.key;
-  EXPECT_EQ(r.flags.skipped_lines, 1);
-
-  auto decoded = decodeReceipt(json::parse(encodeReceiptJSON(r)));
-  ASSERT_TRUE(decoded.ok()) << decoded.error().message;
-  EXPECT_EQ(decoded.value(), r);
 }
 
 TEST(ReceiptJsonTest, DecodesOlderReceiptsWithoutTheNewerKeys) {

@@ -74,12 +74,8 @@ TEST(RepeatPipelinesTest, StableHashIsFnv1a64InLowercaseHex) {
 }
 
 
-using testing::assistant;
-using testing::at;
-using testing::bash;
-using testing::json;
-using testing::toolUse;
-using testing::Tree;
+using namespace testing;
+using testing::json;  // not ostler::json
 
 const ReceiptCategory& repeatPipelines(const Receipt& r) { return r.mac_first.categories[1]; }
 

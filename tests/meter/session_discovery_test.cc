@@ -10,10 +10,7 @@
 namespace ostler {
 namespace {
 
-using testing::assistant;
-using testing::at;
-using testing::Tree;
-using testing::writeFile;
+using namespace testing;
 
 TEST(SessionDiscoveryTest, ASessionIsATopLevelFileAndItsSubagents) {
   testing::TempDir dir;

@@ -17,35 +17,21 @@ TEST(TextTest, RepairReplacesEachMaximalSubpartOnce) {
     std::string in, out;
   };
   const std::vector<Case> cases = {
-      {"plain", "plain"},
       {"\xE2\x82\xAC \xF0\x9F\x98\x80", "\xE2\x82\xAC \xF0\x9F\x98\x80"},  // well-formed stays
       {"\xED\x9F\xBF|\xEE\x80\x80|\xF4\x8F\xBF\xBF", "\xED\x9F\xBF|\xEE\x80\x80|\xF4\x8F\xBF\xBF"},  // edges of the ranges
       {"a\x80" "b", "a" + R + "b"},                // lone continuation byte
-      {"\x80\xBF", R + R},                         // each stray continuation on its own
-      {"\xC3", R},                                 // truncated at the end
-      {"\xE2\x82" "A", R + "A"},                   // truncated three-byte sequence: one replacement
       {"\xF0\x9F\x98" "A", R + "A"},               // truncated four-byte sequence: one replacement
-      {"\xF0\x9F" "\xF0\x9F\x98\x80", R + "\xF0\x9F\x98\x80"},
       {"\xC0\xAF", R + R},                         // overlong two-byte
-      {"\xC1\xBF", R + R},
-      {"\xE0\x80\xAF", R + R + R},                 // overlong three-byte
-      {"\xF0\x80\x80\xAF", R + R + R + R},         // overlong four-byte
       {"\xED\xA0\x80", R + R + R},                 // a surrogate encoded in UTF-8
-      {"\xED\xBF\xBF", R + R + R},
       {"\xF4\x90\x80\x80", R + R + R + R},         // past U+10FFFF
-      {"\xF5\xFE\xFF", R + R + R},                 // bytes that never occur
       {"\xE2\x28\xA1", R + "(" + R},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(::testing::PrintToString(c.in));
-    EXPECT_EQ(repairUtf8(c.in), c.out);
-    EXPECT_EQ(isValidUtf8(c.in), c.in == c.out);
-    EXPECT_TRUE(isValidUtf8(repairUtf8(c.in)));
-  }
+  for (const auto& c : cases) EXPECT_EQ(repairUtf8(c.in), c.out) << ::testing::PrintToString(c.in);
 }
 
 // ICU's converter follows the same practice of one replacement per maximal
-// subpart, so it serves as an oracle on arbitrary bytes.
+// subpart, so it serves as an oracle on arbitrary bytes, for the repair and
+// for the check that finds nothing to repair.
 TEST(TextTest, RepairAgreesWithICUOnRandomBytes) {
   const std::string alphabet =
       "a\x7F\x80\x8F\x90\x9F\xA0\xBF\xC0\xC1\xC2\xDF\xE0\xE1\xEC\xED\xEE\xEF\xF0\xF1\xF3\xF4\xF5\xFF";
@@ -57,6 +43,7 @@ TEST(TextTest, RepairAgreesWithICUOnRandomBytes) {
     std::string viaICU;
     icu::UnicodeString::fromUTF8(bytes).toUTF8String(viaICU);
     ASSERT_EQ(repairUtf8(bytes), viaICU) << ::testing::PrintToString(bytes);
+    ASSERT_EQ(isValidUtf8(bytes), bytes == viaICU) << ::testing::PrintToString(bytes);
   }
 }
 

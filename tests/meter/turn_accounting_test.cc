@@ -12,16 +12,8 @@
 namespace ostler {
 namespace {
 
-using testing::assistant;
-using testing::at;
-using testing::compactBoundary;
-using testing::json;
-using testing::textBlock;
-using testing::toolResult;
-using testing::toolUse;
-using testing::Tokens;
-using testing::Tree;
-using testing::user;
+using namespace testing;
+using testing::json;  // not ostler::json
 
 const std::string kOpus = "claude-opus-4-5";
 const std::string kSonnet = "claude-sonnet-4-5";

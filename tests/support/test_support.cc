@@ -48,6 +48,14 @@ std::string readFile(const std::filesystem::path& path) {
   return s.str();
 }
 
+std::vector<std::string> linesOf(const std::string& text, const std::string& skipPrefix) {
+  std::vector<std::string> out;
+  std::stringstream in(text);
+  for (std::string line; std::getline(in, line);)
+    if (skipPrefix.empty() || line.rfind(skipPrefix, 0) != 0) out.push_back(line);
+  return out;
+}
+
 std::filesystem::path sharedDir() { return std::filesystem::path(OSTLER_SHARED_DIR); }
 
 bool haveShared() { return std::filesystem::is_directory(sharedDir()); }

@@ -29,6 +29,10 @@ void appendFile(const std::filesystem::path& path, const std::string& contents);
 // The lines joined by line feeds, with a final one.
 [[nodiscard]] std::string jsonl(const std::vector<std::string>& lines);
 [[nodiscard]] std::string readFile(const std::filesystem::path& path);
+// The lines of `text`, without their line feeds; with `skipPrefix`, lines
+// that begin with it are left out (a receipt's "Generated " line, which
+// differs from run to run).
+[[nodiscard]] std::vector<std::string> linesOf(const std::string& text, const std::string& skipPrefix = "");
 
 // The shared fixtures folder beside the checkout, and whether it is there.
 [[nodiscard]] std::filesystem::path sharedDir();
