@@ -22,8 +22,8 @@ namespace {
 
 // Slices decoded ahead of the fold; with the slice size this bounds the
 // memory held in digests, whatever the size of the tree.
-constexpr size_t kWindow = 8;
-constexpr uint64_t kSliceBytes = 1 << 20;
+constexpr size_t kWindow = 6;
+constexpr uint64_t kSliceBytes = 2 << 20;
 
 TranscriptLineDecoder& threadDecoder() {
   thread_local TranscriptLineDecoder decoder;
