@@ -30,9 +30,11 @@ TranscriptLineDecoder& threadDecoder() {
   return decoder;
 }
 
+// The consumer decodes too whenever the next slice is not under way, so one
+// core is left to it.
 size_t workerThreads() {
   unsigned n = std::thread::hardware_concurrency();
-  return n == 0 ? 1 : n;
+  return n <= 1 ? 1 : n - 1;
 }
 
 // One file of the pass, in reading order, and where its slices start in the

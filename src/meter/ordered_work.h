@@ -1,6 +1,6 @@
-// Runs `produce(i)` for i = 0..count-1 on worker threads, at most `window`
-// items ahead of the consumer, and hands the results back strictly in index
-// order. The order in which results are folded is thus fixed, whatever the
+// Runs `produce(i)` for i = 0..count-1 on worker threads and on the
+// consumer's, at most `window` items ahead of the consumer, and hands the
+// results back strictly in index order. The order in which results are folded is thus fixed, whatever the
 // order in which they were made. `produce` must be safe to call from several
 // threads at once.
 #pragma once
@@ -18,7 +18,7 @@ namespace ostler {
 template <typename T>
 class OrderedWork {
  public:
-  // With `threads` 0 every item is made on the consumer's thread when taken.
+  // With `threads` 0 every item is made on the consumer's thread.
   OrderedWork(size_t count, std::function<T(size_t)> produce, size_t threads, size_t window)
       : count_(count), produce_(std::move(produce)), window_(window == 0 ? 1 : window), slots_(count) {
     for (size_t t = 0; t < threads && t < count; ++t) workers_.emplace_back([this] { work(); });
@@ -37,13 +37,21 @@ class OrderedWork {
   }
 
   // The result of item `i`; items must be taken in order 0, 1, 2, ...
+  // While item `i` is not ready the consumer makes the next item not yet
+  // started, rather than wait, so that it is never idle while work remains.
   T take(size_t i) {
-    if (workers_.empty()) {
-      consumed_ = i + 1;
-      return produce_(i);
-    }
     std::unique_lock lock(mutex_);
-    ready_.wait(lock, [&] { return slots_[i].has_value(); });
+    while (!slots_[i].has_value()) {
+      if (next_ < count_ && next_ < i + window_) {
+        const size_t j = next_++;
+        lock.unlock();
+        T value = produce_(j);
+        lock.lock();
+        slots_[j] = std::move(value);
+        continue;
+      }
+      ready_.wait(lock);
+    }
     T value = std::move(*slots_[i]);
     slots_[i].reset();
     consumed_ = i + 1;
