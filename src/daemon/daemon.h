@@ -110,10 +110,13 @@ struct TickOutcome {
 // passes, the window scan and today's tokens from a fresh read. Nothing when
 // a shutdown was requested during the pass; the jobs are always waited for.
 // Hands the walls to the engine. Reads the clock only to time the jobs.
-[[nodiscard]] std::optional<InitialPassResult> initialPass(LiveEngine& engine, const DaemonOptions& options,
-                                                           InstantMs now, const ProgressCallback& onProgress,
-                                                           const ShutdownSignalSource* shutdownSignal,
-                                                           const Clock& clock = systemClock());
+// `prepareEngine`, when given, runs first within the live engine's job (it
+// restores the saved state there, so that reading the state file overlaps
+// the meter's reading of the tree); the engine is untouched until then.
+[[nodiscard]] std::optional<InitialPassResult> initialPass(
+    LiveEngine& engine, const DaemonOptions& options, InstantMs now, const ProgressCallback& onProgress,
+    const ShutdownSignalSource* shutdownSignal, const Clock& clock = systemClock(),
+    const std::function<void(LiveEngine&)>& prepareEngine = {});
 
 // Starts a background recompute when one is due: never while one runs; after
 // a touch once `odometerMinInterval` has passed since the last finished;

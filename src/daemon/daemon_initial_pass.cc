@@ -21,12 +21,13 @@ bool neverPolled(const LiveEngine& engine) {
 
 std::optional<InitialPassResult> initialPass(LiveEngine& engine, const DaemonOptions& options, InstantMs now,
                                              const ProgressCallback& onProgress,
-                                             const ShutdownSignalSource* shutdownSignal, const Clock& clock) {
+                                             const ShutdownSignalSource* shutdownSignal, const Clock& clock,
+                                             const std::function<void(LiveEngine&)>& prepareEngine) {
   const InstantMs boundary = LocalDay::localMidnightInstant(now, engine.timeZoneId());
   // On a cold start the live poll is itself a fresh read of the whole tree,
   // so its family tokens stand for the throw-away engine's and the tree is
-  // read once less.
-  const bool coldStart = neverPolled(engine);
+  // read once less. Known once the engine is prepared, within its job.
+  bool coldStart = false;
 
   InitialPassResult result;
   Receipt lifetime, today;
@@ -42,6 +43,8 @@ std::optional<InitialPassResult> initialPass(LiveEngine& engine, const DaemonOpt
   std::vector<std::function<void()>> jobs = {
       timed(&result.liveSeconds,
             [&] {
+              if (prepareEngine) prepareEngine(engine);
+              coldStart = neverPolled(engine);
               (void)engine.poll(options.root, now, shutdownSignal);
               result.accumulatorSnapshot = engine.todayAccumulatorSnapshot();
               if (coldStart) tokens = engine.todayTokensByFamily();

@@ -40,13 +40,17 @@ int runForever(const DaemonOptions& options, const ShutdownSignalSource& shutdow
 int runForever(const DaemonOptions& options, const ShutdownSignalSource& shutdownSignal, const Services& services) {
   LiveEngine engine(options.pricing, LocalDay::currentTimeZoneId());
   engine.setFileSizeSource(makeWatchingFileSizes());
-  // A missing state file, or one of another version or root, is a cold start.
-  if (auto saved = PersistedStateIO::load(options.scratchPath, options.root)) engine.restore(*saved);
   FeedWriter writer(options.feedPath, kFeedMinIntervalSeconds, services.clock);
   auto state = std::make_shared<TickState>();
 
-  std::optional<InitialPassResult> pass =
-      initialPass(engine, options, services.clock.nowMs(), nullptr, &shutdownSignal, services.clock);
+  // A missing state file, or one of another version or root, is a cold
+  // start. The file (megabytes on a large tree) is read within the pass,
+  // while the meter reads the tree.
+  auto restoreSavedState = [&options](LiveEngine& fresh) {
+    if (auto saved = PersistedStateIO::load(options.scratchPath, options.root)) fresh.restore(*saved);
+  };
+  std::optional<InitialPassResult> pass = initialPass(engine, options, services.clock.nowMs(), nullptr,
+                                                      &shutdownSignal, services.clock, restoreSavedState);
   if (!pass) {
     (void)persistAndRecord(engine, options);
     return 0;

@@ -388,10 +388,12 @@ TEST(InitialPassTest, FiguresOfEveryJobOnColdAndWarmStarts) {
   EXPECT_TRUE(cold.cachedWalls());
 
   // A restored engine reads nothing new and its check matches, so no fresh
-  // family count is read: the feed could not use it.
+  // family count is read: the feed could not use it. The state is restored
+  // within the pass, as the daemon does it.
   LiveEngine warm(h.options.pricing, "UTC");
-  warm.restore(cold.snapshotForPersistence(h.options.root));
-  auto again = Daemon::initialPass(warm, h.options, kNow, nullptr, nullptr, h.clock);
+  const PersistedState saved = cold.snapshotForPersistence(h.options.root);
+  auto again = Daemon::initialPass(warm, h.options, kNow, nullptr, nullptr, h.clock,
+                                   [&saved](LiveEngine& engine) { engine.restore(saved); });
   ASSERT_TRUE(again);
   EXPECT_EQ(again->accumulatorSnapshot.spentUSD, 1.0);
   EXPECT_EQ(again->odometerBundle.windowedTokensByFamily, std::nullopt);
