@@ -244,6 +244,9 @@ PersistedState LiveEngine::snapshotForPersistence(const std::string& root) const
 
 void LiveEngine::restore(const PersistedState& s) {
   fileOffsets_ = s.fileOffsets;
+  // The sizes seen were read against the offsets just replaced: a file must
+  // be opened again wherever its restored offset lies below its size.
+  sizeAtLastRead_.clear();
   fileMediaState_ = s.fileMediaState;
   sessionState_ = s.sessionState;
   quotaLastEventAt_ = s.quotaLastEventAt;

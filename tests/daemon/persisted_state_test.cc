@@ -160,6 +160,13 @@ TEST(PersistedStateTest, RestartMidDayEndsWithTheFiguresOfAnEngineThatNeverStopp
   EXPECT_EQ(figures(second), figures(steady));
   EXPECT_EQ(steady.todayTurns(), 3);
 
+  // Restored into the engine that had already read on, the saved state is
+  // read on from its own offsets all the same.
+  first.restore(*loaded);
+  (void)first.poll(root, now);
+  EXPECT_EQ(figures(first), figures(steady));
+  EXPECT_EQ(first.fileOffsets(), second.fileOffsets());
+
   // A state file of another version, for another root, cut short or gone
   // gives a cold start that reaches the same figures.
   for (const std::string damage : {"version", "root", "cut", "gone"}) {
