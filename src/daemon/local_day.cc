@@ -13,12 +13,15 @@ InstantMs localMidnightInstant(InstantMs before, const std::string& timeZoneId) 
   if (U_FAILURE(status)) return before;
   cal.setTime(static_cast<UDate>(before), status);
   // Clearing the time fields leaves the day; a day that begins inside a
-  // daylight-saving gap starts at the first valid instant after midnight.
+  // daylight-saving gap starts at the first valid instant after midnight,
+  // and one whose midnight comes twice (the clock set back from 01:00) at
+  // the first of them.
   cal.set(UCAL_HOUR_OF_DAY, 0);
   cal.set(UCAL_MINUTE, 0);
   cal.set(UCAL_SECOND, 0);
   cal.set(UCAL_MILLISECOND, 0);
   cal.setSkippedWallTimeOption(UCAL_WALLTIME_NEXT_VALID);
+  cal.setRepeatedWallTimeOption(UCAL_WALLTIME_FIRST);
   UDate start = cal.getTime(status);
   if (U_FAILURE(status)) return before;
   return static_cast<InstantMs>(start);
