@@ -21,12 +21,13 @@ TEST(LocalDayTest, StartOfTheLocalDayInTheNamedZone) {
   // Where the clock jumps from 24:00 to 01:00 the day starts at 01:00.
   EXPECT_EQ(LocalDay::localMidnightInstant(at("2026-09-06T12:00:00Z"), "America/Santiago"),
             at("2026-09-06T04:00:00Z"));
-  // Where the clock goes back from 01:00 to 00:00 the day starts at the
-  // first midnight, also seen from the hour before the change.
-  EXPECT_EQ(LocalDay::localMidnightInstant(at("2025-11-02T04:30:00Z"), "America/Havana"),
-            at("2025-11-02T04:00:00Z"));
-  EXPECT_EQ(LocalDay::localMidnightInstant(at("2025-11-02T05:30:00Z"), "America/Havana"),
-            at("2025-11-02T04:00:00Z"));
+  // Where the clock goes back from 01:00 to 00:00 midnight comes twice and
+  // the day starts at the first: also inside the repeated hour, so that the
+  // day never starts after the instant it holds.
+  for (const char* instant : {"2024-11-03T12:00:00Z", "2024-11-03T04:30:00Z", "2024-11-03T05:30:00Z"})
+    EXPECT_EQ(LocalDay::localMidnightInstant(at(instant), "America/Havana"), at("2024-11-03T04:00:00Z")) << instant;
+  EXPECT_EQ(LocalDay::localMidnightInstant(at("2024-11-03T03:59:59Z"), "America/Havana"),
+            at("2024-11-02T04:00:00Z"));
 }
 
 }  // namespace
