@@ -18,6 +18,7 @@
 #include <string>
 
 #include "daemon/closeout_progress_source.h"
+#include "daemon/config_files.h"
 #include "daemon/daemon_companions.h"
 #include "daemon/daemon_options.h"
 #include "daemon/feed.h"
@@ -56,6 +57,7 @@ struct Services {
   NamesPublishing& names;
   MacAiSessionsSource& macAi;
   BackgroundQueue& recomputeQueue;
+  ConfigFiles& configFiles;
   std::FILE* log;  // the standard error stream in the daemon
 };
 
@@ -65,7 +67,7 @@ struct Services {
 class SystemServices {
  public:
   [[nodiscard]] Services services() {
-    return {systemClock(), idle_, stores_, scheduler_, names_, macAi_, queue_, stderr};
+    return {systemClock(), idle_, stores_, scheduler_, names_, macAi_, queue_, configFiles_, stderr};
   }
 
  private:
@@ -75,6 +77,7 @@ class SystemServices {
   NoNamesPublishing names_;
   NoMacAiSessions macAi_;
   DetachedThreadQueue queue_;
+  ConfigFiles configFiles_;
 };
 
 struct InitialPassResult {
@@ -135,7 +138,7 @@ int64_t persistAndRecord(LiveEngine& engine, const DaemonOptions& options);
 // Spend is published from the windowed receipt while the last check
 // diverged and the bundle carries fresh family tokens.
 [[nodiscard]] Feed assembleFeed(LiveEngine& engine, const Odometer::Bundle& odometerBundle, InstantMs now,
-                                const std::string& closeoutStorePath,
+                                const DaemonOptions& options,
                                 const std::optional<FeedDiagnosticsEquality>& equalityDiagnostics,
                                 const std::set<std::string>& touchedSessionIds, const Services& services);
 

@@ -3,6 +3,7 @@
 #include <system_error>
 
 #include "daemon/daemon.h"
+#include "daemon/month_anchor.h"
 #include "daemon/persisted_state.h"
 
 namespace ostler::Daemon {
@@ -28,7 +29,7 @@ int64_t persistAndRecord(LiveEngine& engine, const DaemonOptions& options) {
 }
 
 Feed assembleFeed(LiveEngine& engine, const Odometer::Bundle& odometerBundle, InstantMs now,
-                  const std::string& closeoutStorePath,
+                  const DaemonOptions& options,
                   const std::optional<FeedDiagnosticsEquality>& equalityDiagnostics,
                   const std::set<std::string>& touchedSessionIds, const Services& services) {
   Feed feed;
@@ -36,7 +37,7 @@ Feed assembleFeed(LiveEngine& engine, const Odometer::Bundle& odometerBundle, In
   feed.odometer = odometerBundle.odometer;
 
   LiveEngine::SessionsSnapshot sessions =
-      engine.snapshotSessions(now, services.closeoutStores, closeoutStorePath, services.idle, touchedSessionIds);
+      engine.snapshotSessions(now, services.closeoutStores, options.closeoutStorePath, services.idle, touchedSessionIds);
   feed.sessions = std::move(sessions.sessions);
   feed.zero_context_sessions = sessions.zeroContextSessions;
   feed.sessions_all = std::move(sessions.sessionsAll);
@@ -55,7 +56,11 @@ Feed assembleFeed(LiveEngine& engine, const Odometer::Bundle& odometerBundle, In
                                     override);
 
   feed.quota = engine.snapshotQuota();
+  feed.quota.extra_usage_disabled_reason = services.configFiles.extraUsageDisabledReason(options.claudeConfigPath);
   feed.windows = engine.snapshotWindows(now);
+  if (auto day = services.configFiles.billingDay(options.ostlerConfigPath))
+    if (auto anchor = MonthAnchor::anchor(*day, now, engine.timeZoneId()))
+      feed.windows.month = engine.snapshotMonthWindow(*anchor, now);
   feed.now = engine.snapshotNow(now);
   feed.now.mac_ai_sessions = services.macAi.feedSessions(now);
   feed.media_loops_active = engine.snapshotActiveMediaLoops(now, kActiveMediaLoopSeconds);

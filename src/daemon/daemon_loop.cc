@@ -76,7 +76,7 @@ int runForever(const DaemonOptions& options, const ShutdownSignalSource& shutdow
     state->lastOdometerAt = finishedAt;
   }
   // The first feed exists only once the whole initial pass is done.
-  writeFeed(writer, *state, assembleFeed(engine, *bundle, finishedAt, options.closeoutStorePath, check, {}, services),
+  writeFeed(writer, *state, assembleFeed(engine, *bundle, finishedAt, options, check, {}, services),
             finishedAt);
 
   auto isShutdownRequested = [&shutdownSignal] { return shutdownSignal.isRequested(); };
@@ -127,7 +127,7 @@ TickOutcome runForeverTick(LiveEngine& engine, FeedWriter& writer, const DaemonO
   state->touchedSinceLastFeed.insert(touched.begin(), touched.end());
   const bool feedDue = !state->lastFeedAt || secondsBetween(*state->lastFeedAt, now) >= writer.minInterval();
   if (bundle && feedDue) {
-    Feed feed = assembleFeed(engine, *bundle, now, options.closeoutStorePath, equality,
+    Feed feed = assembleFeed(engine, *bundle, now, options, equality,
                              state->touchedSinceLastFeed, services);
     state->touchedSinceLastFeed.clear();
     writeFeed(writer, *state, feed, now);

@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 
+#include "daemon/config_files.h"
 #include "daemon/persisted_state.h"
 
 namespace ostler {
@@ -59,10 +60,13 @@ DaemonOptions options(const Environment& env, std::string root, std::string feed
   const std::string claudeConfig = xdgOr(env.xdgConfigHome, env.home + "/.config") + "/Claude";
   // Development runs keep their names file apart from an installed
   // application's, in the "dev" folder.
-  return DaemonOptions(std::move(root), std::move(feedPath), interval, PricingTable::defaultTable(),
-                       std::move(scratchPath), kOdometerMinInterval, support + "/mac-ai-runs.json",
-                       support + "/authority-last.json", claudeConfig + "/plan-usage-history.json",
-                       support + "/closeout", support + "/dev/names.json");
+  DaemonOptions options(std::move(root), std::move(feedPath), interval, PricingTable::defaultTable(),
+                        std::move(scratchPath), kOdometerMinInterval, support + "/mac-ai-runs.json",
+                        support + "/authority-last.json", claudeConfig + "/plan-usage-history.json",
+                        support + "/closeout", support + "/dev/names.json");
+  options.ostlerConfigPath = OstlerConfig::defaultPath(env);
+  options.claudeConfigPath = ClaudeConfig::defaultPath(env);
+  return options;
 }
 
 }  // namespace DaemonDefaults

@@ -21,6 +21,9 @@ struct DaemonOptions {
   std::string closeoutStorePath;     // closeout store base directory
   std::string namesPath;             // names file
   double odometerMinInterval = 45.0;  // least seconds between recomputes of the heavy figures
+  // Files of others read for one key each; empty: not read.
+  std::string ostlerConfigPath;  // Ostler's configuration, for the billing day
+  std::string claudeConfigPath;  // Claude Code's, for why extra usage is off
 
   // An absent `scratchPath` becomes the default state file of `root`.
   DaemonOptions(std::string root, std::string feedPath, double interval, PricingTable pricing,

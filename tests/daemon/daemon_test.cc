@@ -82,6 +82,7 @@ struct Harness {
   CountingNames names;
   NoMacAiSessions macAi;
   ManualQueue queue;
+  ConfigFiles configFiles;
   DaemonOptions options{(dir.path() / "projects").string(),
                         (dir.path() / "feed.json").string(),
                         1.0,
@@ -95,7 +96,7 @@ struct Harness {
                         ""};
 
   [[nodiscard]] Daemon::Services services() {
-    return {clock, idle, stores, scheduler, names, macAi, queue, nullptr};
+    return {clock, idle, stores, scheduler, names, macAi, queue, configFiles, nullptr};
   }
   [[nodiscard]] fs::path transcript() const { return fs::path(options.root) / "p" / "a.jsonl"; }
 };
@@ -196,7 +197,7 @@ TEST(AssembleFeedTest, SpendTurnsWindowedOnlyOnceARecomputeBringsFreshTokens) {
   };
   auto feed = [&] {
     std::lock_guard lock(h.state->stateLock);
-    return Daemon::assembleFeed(h.engine, *h.state->odometerBundle, h.clock.nowMs(), h.options.closeoutStorePath,
+    return Daemon::assembleFeed(h.engine, *h.state->odometerBundle, h.clock.nowMs(), h.options,
                                 h.state->lastEqualityDiagnostics, {}, h.services());
   };
 
@@ -224,6 +225,34 @@ TEST(AssembleFeedTest, SpendTurnsWindowedOnlyOnceARecomputeBringsFreshTokens) {
   EXPECT_EQ(third.today.spent_basis, "accumulator");
   EXPECT_EQ(third.today.spent_usd, 1.0);
   EXPECT_EQ(third.today.tokens_by_family.at("haiku"), 1'000'000);
+}
+
+TEST(AssembleFeedTest, MonthGaugeAndExtraUsageReasonFollowTheConfigFiles) {
+  Polled h;
+  ASSERT_TRUE(h.gate(0, true));
+  h.finishAt(0);
+  auto feed = [&] {
+    std::lock_guard lock(h.state->stateLock);
+    return Daemon::assembleFeed(h.engine, *h.state->odometerBundle, h.clock.nowMs(), h.options,
+                                h.state->lastEqualityDiagnostics, {}, h.services());
+  };
+  h.options.ostlerConfigPath = (h.dir.path() / "config.json").string();
+  h.options.claudeConfigPath = (h.dir.path() / "claude.json").string();
+  Feed without = feed();
+  EXPECT_EQ(without.windows.month, std::nullopt);
+  EXPECT_EQ(without.quota.extra_usage_disabled_reason, std::nullopt);
+
+  // Billed since the 10th at midnight: the day's dollar, an hour old.
+  writeFile(h.options.ostlerConfigPath, R"({"billing_day": 10})");
+  writeFile(h.options.claudeConfigPath, R"({"cachedExtraUsageDisabledReason": "out_of_credits"})");
+  Feed with = feed();
+  ASSERT_TRUE(with.windows.month);
+  EXPECT_EQ(with.windows.month->anchor, "2026-03-10T00:00:00.000Z");
+  EXPECT_EQ(with.windows.month->burn_value, 1.0);
+  EXPECT_EQ(with.quota.extra_usage_disabled_reason, "out_of_credits");
+  auto decoded = decodeFeed(toJson(with));
+  ASSERT_TRUE(decoded.ok());
+  EXPECT_EQ(decoded.value().windows.month, with.windows.month);
 }
 
 // A tick with a bundle in place, as after the initial pass.

@@ -1,0 +1,87 @@
+#include "daemon/config_files.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "daemon/month_anchor.h"
+#include "line_builder.h"
+#include "support/test_support.h"
+
+namespace ostler {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::at;
+
+// A folder whose files each test writes and rewrites by name.
+struct ConfigDir {
+  testing::TempDir dir;
+  std::string write(const std::string& name, const std::string& text) const {
+    testing::writeFile(dir.path() / name, text);
+    return (dir.path() / name).string();
+  }
+};
+
+TEST(ConfigFilesTest, BillingDayIsAnIntegerFromOneToThirtyOne) {
+  ConfigDir dir;
+  EXPECT_EQ(OstlerConfig::billingDay(dir.write("a.json", R"({"billing_day": 15, "other": [1]})")), 15);
+  EXPECT_EQ(OstlerConfig::billingDay(dir.write("a.json", R"({"billing_day": 1})")), 1);
+  EXPECT_EQ(OstlerConfig::billingDay(dir.write("a.json", R"({"billing_day": 31})")), 31);
+  for (const char* text : {R"({"billing_day": 0})", R"({"billing_day": 32})", R"({"billing_day": -3})",
+                           R"({"billing_day": 5.0})", R"({"billing_day": "5"})", R"({"billing_day": null})",
+                           R"({"billing_day": 18446744073709551615})", R"({})", R"([{"billing_day": 5}])",
+                           R"({"billing_day": 5,)", ""})
+    EXPECT_EQ(OstlerConfig::billingDay(dir.write("a.json", text)), std::nullopt) << text;
+  EXPECT_EQ(OstlerConfig::billingDay((dir.dir.path() / "missing.json").string()), std::nullopt);
+  EXPECT_EQ(OstlerConfig::billingDay(""), std::nullopt);
+}
+
+TEST(ConfigFilesTest, ExtraUsageReasonOnlyWhenAString) {
+  ConfigDir dir;
+  EXPECT_EQ(ClaudeConfig::extraUsageDisabledReason(
+                dir.write("c.json", R"({"projects": {}, "cachedExtraUsageDisabledReason": "org_level_disabled"})")),
+            "org_level_disabled");
+  for (const char* text : {R"({"cachedExtraUsageDisabledReason": 3})", R"({"cachedExtraUsageDisabledReason": null})",
+                           R"({})", R"("org_level_disabled")", "not json"})
+    EXPECT_EQ(ClaudeConfig::extraUsageDisabledReason(dir.write("c.json", text)), std::nullopt) << text;
+}
+
+TEST(ConfigFilesTest, ReadsAgainWhenTheFileChangesAndForgetsItWhenItGoes) {
+  ConfigDir dir;
+  ConfigFiles files;
+  const std::string path = dir.write("config.json", R"({"billing_day": 5})");
+  EXPECT_EQ(files.billingDay(path), 5);
+  EXPECT_EQ(files.billingDay(path), 5);
+  dir.write("config.json", R"({"billing_day": 12, "note": "longer"})");
+  EXPECT_EQ(files.billingDay(path), 12);
+  fs::remove(path);
+  EXPECT_EQ(files.billingDay(path), std::nullopt);
+  dir.write("config.json", R"({"billing_day": 7})");
+  EXPECT_EQ(files.billingDay(path), 7);
+  // Another path is another file.
+  EXPECT_EQ(files.billingDay(dir.write("other.json", R"({"billing_day": 9})")), 9);
+}
+
+TEST(MonthAnchorTest, LatestBillingDayAtOrBeforeAtLocalMidnight) {
+  // This month's billing day once reached, at the very instant too.
+  EXPECT_EQ(MonthAnchor::anchor(15, at("2026-03-20T10:00:00Z"), "UTC"), at("2026-03-15T00:00:00Z"));
+  EXPECT_EQ(MonthAnchor::anchor(15, at("2026-03-15T00:00:00Z"), "UTC"), at("2026-03-15T00:00:00Z"));
+  // Else last month's, with January reaching back into December.
+  EXPECT_EQ(MonthAnchor::anchor(15, at("2026-03-14T23:59:59.999Z"), "UTC"), at("2026-02-15T00:00:00Z"));
+  EXPECT_EQ(MonthAnchor::anchor(20, at("2026-01-05T00:00:00Z"), "UTC"), at("2025-12-20T00:00:00Z"));
+  // A day past the month's end is its last day, in a common and a leap year.
+  EXPECT_EQ(MonthAnchor::anchor(31, at("2026-04-30T12:00:00Z"), "UTC"), at("2026-04-30T00:00:00Z"));
+  EXPECT_EQ(MonthAnchor::anchor(31, at("2026-04-29T12:00:00Z"), "UTC"), at("2026-03-31T00:00:00Z"));
+  EXPECT_EQ(MonthAnchor::anchor(30, at("2026-03-01T12:00:00Z"), "UTC"), at("2026-02-28T00:00:00Z"));
+  EXPECT_EQ(MonthAnchor::anchor(30, at("2028-03-01T12:00:00Z"), "UTC"), at("2028-02-29T00:00:00Z"));
+  // Local midnight, with the month judged in the zone: 23:30 UTC on the 14th
+  // is already the 15th in Berlin.
+  EXPECT_EQ(MonthAnchor::anchor(15, at("2026-01-14T23:30:00Z"), "Europe/Berlin"), at("2026-01-14T23:00:00Z"));
+  // A midnight skipped by daylight saving starts at 01:00.
+  EXPECT_EQ(MonthAnchor::anchor(6, at("2026-09-10T12:00:00Z"), "America/Santiago"), at("2026-09-06T04:00:00Z"));
+  for (int day : {0, 32, -1}) EXPECT_EQ(MonthAnchor::anchor(day, at("2026-03-20T10:00:00Z"), "UTC"), std::nullopt);
+}
+
+}  // namespace
+}  // namespace ostler
