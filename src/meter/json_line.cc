@@ -11,6 +11,9 @@ namespace {
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
+// Characters that may continue a number token.
+bool isNumberChar(char c) { return isDigit(c) || c == '.' || c == 'e' || c == 'E' || c == '+' || c == '-'; }
+
 int hexValue(char c) {
   if (c >= '0' && c <= '9') return c - '0';
   if (c >= 'a' && c <= 'f') return c - 'a' + 10;
@@ -118,7 +121,11 @@ bool rewriteForParser(std::string_view s, std::string* out) {
       size_t n = numberLength(s, i, &integral);
       if (n > 0) {
         std::string_view token = s.substr(i, n);
-        if (fitsParser(token, integral)) {
+        // A number run into another number character is a flaw whatever its
+        // value, and a placeholder there could splice with its neighbours
+        // into a valid number ("1e400e5", "5-1e400"): leave it to fail.
+        const bool runTogether = (i > 0 && isNumberChar(s[i - 1])) || (i + n < s.size() && isNumberChar(s[i + n]));
+        if (runTogether || fitsParser(token, integral)) {
           out->append(token);
         } else {
           // Still valid JSON; a reader asking for an integer here must fail,

@@ -34,7 +34,10 @@ Result<PricingTable> PricingTable::load(const std::string& path) {
     auto j = nlohmann::json::parse(text.str());
     PricingTable t;
     t.note = j.at("note").get<std::string>();
-    for (const auto& [prefix, r] : j.at("rates").items()) {
+    // A list of rates would iterate too, keyed by index; the rates are a map.
+    const auto& rates = j.at("rates");
+    if (!rates.is_object()) return Error{path + ": rates is not an object"};
+    for (const auto& [prefix, r] : rates.items()) {
       t.rates[prefix] = PricingRate{r.at("input").get<double>(), r.at("output").get<double>(),
                                     r.at("cacheRead").get<double>(), r.at("write5m").get<double>(),
                                     r.at("write1h").get<double>()};

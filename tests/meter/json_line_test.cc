@@ -53,6 +53,10 @@ TEST(JsonLineTest, AFlawAnywhereFailsTheWholeLine) {
       "{\"a\":\"\xff\",}",
       R"({"a":"\ud800",})",
       R"({"a":1e400,})",
+      // A number too large to hold, run into more number characters, is no
+      // number at all; standing in for it must not make one.
+      R"({"a":1e400e5})", R"({"a":1e400E+5})", R"({"a":5-1e400})", R"({"a":--1e400})",
+      R"({"a":12-123456789012345678901234567890})", R"({"a":123456789012345678901234567890.})",
       "\xEF\xBB\xBF\xEF\xBB\xBF{}",     // only one byte order mark is skipped
   };
   for (const auto& line : bad) EXPECT_FALSE(decodes(line)) << ::testing::PrintToString(line);
@@ -80,6 +84,7 @@ TEST(JsonLineTest, ValidJsonTheParserRefusesStillDecodes) {
       R"({"x":-1e999,"type":"user"})",
       R"({"x":123456789012345678901234567890,"type":"user"})",
       R"({"x":[1e400, "\udfff"],"type":"user"})",
+      R"({"x":[-1e400,1e400],"y":{"z":-123456789012345678901234567890},"type":"user"})",
       "\xEF\xBB\xBF{\"x\":\"\\ud800\",\"y\":\"\xC3\",\"z\":1e400,\"type\":\"user\"}",
       "{\"type\":\"user\"}\r",          // JSON whitespace around the object
       " \n{\"type\":\"user\"}\n",

@@ -140,6 +140,8 @@ TEST(PricingTest, LoadRequiresEveryKey) {
       R"({"note": "n", "rates": {"a": {"input": 1, "output": 2, "cacheRead": 0.1, "write5m": 1}}})",
       R"({"note": "n", "rates": {"a": {"input": "1", "output": 2, "cacheRead": 0.1, "write5m": 1, "write1h": 1}}})",
       R"({"note": 5, "rates": {}})",
+      R"({"note": "n", "rates": [{"input": 1, "output": 2, "cacheRead": 0.1, "write5m": 1, "write1h": 1}]})",
+      R"({"note": "n", "rates": {"a": null}})",
       "not json",
   };
   for (size_t i = 0; i < bad.size(); ++i) {
