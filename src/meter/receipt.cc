@@ -2,6 +2,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include <limits>
+#include <type_traits>
+
 namespace ostler {
 namespace {
 
@@ -31,18 +34,30 @@ json categoriesJSON(const std::vector<ReceiptCategory>& cats) {
   return a;
 }
 
+// The library would truncate 2.5 to 2 and wrap a number past the signed
+// range; a count must be written as a whole number that fits.
+template <typename T>
+T valueOf(const json& v) {
+  if constexpr (std::is_same_v<T, int64_t>) {
+    if (!v.is_number_integer() ||
+        (v.is_number_unsigned() && v.get<uint64_t>() > uint64_t(std::numeric_limits<int64_t>::max())))
+      throw json::type_error::create(302, "not a count: " + v.dump(), &v);
+  }
+  return v.get<T>();
+}
+
 // Decoding: `at` throws on a missing key or a wrong type; `opt` gives the
 // fallback of a key that older receipts lack.
 template <typename T>
 T at(const json& j, const char* key) {
-  return j.at(key).get<T>();
+  return valueOf<T>(j.at(key));
 }
 
 template <typename T>
 T opt(const json& j, const char* key, T fallback) {
   auto it = j.find(key);
   if (it == j.end()) return fallback;
-  return it->get<T>();
+  return valueOf<T>(*it);
 }
 
 std::optional<std::string> optString(const json& j, const char* key) {
