@@ -201,6 +201,19 @@ TEST(ReceiptJsonTest, DecodesOlderReceiptsWithoutTheNewerKeys) {
       EXPECT_FALSE(decodeReceipt(mistyped).ok()) << pointer << " = " << bad.dump();
     }
   }
+  // A list written as null is not an empty list, nor a record a list of its
+  // values.
+  for (const char* pointer : {"/by_model", "/by_day", "/top_sessions", "/mac_first/media_loops/loops",
+                              "/waste/categories", "/mac_first/categories/2/detail_lines",
+                              "/switch_tax/top_switches"}) {
+    json nulled = json(r);
+    nulled[json::json_pointer(pointer)] = nullptr;
+    EXPECT_FALSE(decodeReceipt(nulled).ok()) << pointer << " = null";
+  }
+  json keyed = json(r);
+  keyed["/top_sessions"_json_pointer] = json{{"first", keyed["/top_sessions/0"_json_pointer]}};
+  EXPECT_FALSE(decodeReceipt(keyed).ok()) << "a record of sessions for a list";
+
   json whole = json(r);
   whole["/totals/turns"_json_pointer] = 9'223'372'036'854'775'807LL;
   whole["/fair_usd"_json_pointer] = 3;
