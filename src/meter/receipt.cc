@@ -2,6 +2,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include <limits>
+#include <type_traits>
+
 namespace ostler {
 namespace {
 
@@ -31,18 +34,37 @@ json categoriesJSON(const std::vector<ReceiptCategory>& cats) {
   return a;
 }
 
+// The library would truncate 2.5 to 2 and wrap a number past the signed
+// range; a count must be written as a whole number that fits.
+template <typename T>
+T valueOf(const json& v) {
+  if constexpr (std::is_same_v<T, int64_t>) {
+    if (!v.is_number_integer() ||
+        (v.is_number_unsigned() && v.get<uint64_t>() > uint64_t(std::numeric_limits<int64_t>::max())))
+      throw json::type_error::create(302, "not a count: " + v.dump(), &v);
+  }
+  return v.get<T>();
+}
+
+// A list must be an array: the library would walk null as an empty list and
+// an object as its values.
+const json& elements(const json& v) {
+  if (!v.is_array()) throw json::type_error::create(302, "not a list: " + v.dump(), &v);
+  return v;
+}
+
 // Decoding: `at` throws on a missing key or a wrong type; `opt` gives the
 // fallback of a key that older receipts lack.
 template <typename T>
 T at(const json& j, const char* key) {
-  return j.at(key).get<T>();
+  return valueOf<T>(j.at(key));
 }
 
 template <typename T>
 T opt(const json& j, const char* key, T fallback) {
   auto it = j.find(key);
   if (it == j.end()) return fallback;
-  return it->get<T>();
+  return valueOf<T>(*it);
 }
 
 std::optional<std::string> optString(const json& j, const char* key) {
@@ -53,13 +75,14 @@ std::optional<std::string> optString(const json& j, const char* key) {
 
 std::vector<ReceiptDetailLine> decodeDetailLines(const json& a) {
   std::vector<ReceiptDetailLine> out;
-  for (const auto& d : a) out.push_back({at<std::string>(d, "text"), at<double>(d, "usd"), optString(d, "session_id")});
+  for (const auto& d : elements(a))
+    out.push_back({at<std::string>(d, "text"), at<double>(d, "usd"), optString(d, "session_id")});
   return out;
 }
 
 std::vector<ReceiptCategory> decodeCategories(const json& a) {
   std::vector<ReceiptCategory> out;
-  for (const auto& c : a) {
+  for (const auto& c : elements(a)) {
     out.push_back({at<std::string>(c, "key"), at<std::string>(c, "label"), at<double>(c, "usd"),
                    decodeDetailLines(c.at("detail_lines")), opt<int64_t>(c, "sessions_distinct", 0),
                    optString(c, "session_attribution_note")});
@@ -210,11 +233,12 @@ Result<Receipt> decodeReceipt(const json& j) {
                 {at<int64_t>(tk, "input"), at<int64_t>(tk, "output"), at<int64_t>(tk, "cache_read"),
                  at<int64_t>(tk, "cache_write")},
                 opt<int64_t>(t, "sessions_context_over_100k", 0)};
-    for (const auto& m : j.at("by_model"))
+    for (const auto& m : elements(j.at("by_model")))
       r.by_model.push_back({at<std::string>(m, "model"), at<int64_t>(m, "turns"), at<double>(m, "spent_usd")});
-    for (const auto& p : j.at("by_project"))
+    for (const auto& p : elements(j.at("by_project")))
       r.by_project.push_back({at<std::string>(p, "project"), at<int64_t>(p, "sessions"), at<double>(p, "spent_usd")});
-    for (const auto& d : j.at("by_day")) r.by_day.push_back({at<std::string>(d, "date"), at<double>(d, "spent_usd")});
+    for (const auto& d : elements(j.at("by_day")))
+      r.by_day.push_back({at<std::string>(d, "date"), at<double>(d, "spent_usd")});
 
     const json& w = j.at("waste");
     r.waste.total_usd = at<double>(w, "total_usd");
@@ -247,14 +271,14 @@ Result<Receipt> decodeReceipt(const json& j) {
     loops.total_usd = at<double>(ml, "total_usd");
     loops.raw_uncapped_usd = at<double>(ml, "raw_uncapped_usd");
     loops.count = at<int64_t>(ml, "count");
-    for (const auto& l : ml.at("loops"))
+    for (const auto& l : elements(ml.at("loops")))
       loops.loops.push_back({at<std::string>(l, "sessionId"), at<std::string>(l, "project"),
                              at<int64_t>(l, "images"), at<double>(l, "usd")});
     loops.attribution_note = at<std::string>(ml, "attribution_note");
     loops.sessions_distinct = opt<int64_t>(ml, "sessions_distinct", 0);
 
     r.fair_usd = at<double>(j, "fair_usd");
-    for (const auto& s : j.at("top_sessions"))
+    for (const auto& s : elements(j.at("top_sessions")))
       r.top_sessions.push_back({at<std::string>(s, "sessionId"), at<std::string>(s, "project"),
                                 at<double>(s, "spent_usd"), at<int64_t>(s, "turns"), at<int64_t>(s, "context_peak")});
 
@@ -304,7 +328,7 @@ Result<Receipt> decodeReceipt(const json& j) {
       c.primary_pre_leg_usd = at<double>(a, "primary_pre_leg_usd");
       c.output_leg_usd = at<double>(a, "output_leg_usd");
       c.bound_pre_leg_usd = at<double>(a, "bound_pre_leg_usd");
-      if (auto e = a.find("top_events"); e != a.end()) c.top_events = decodeDetailLines(*e);
+      if (auto e = a.find("top_events"); e != a.end() && !e->is_null()) c.top_events = decodeDetailLines(*e);
       c.sessions_distinct = opt<int64_t>(a, "sessions_distinct", 0);
       r.auto_compactions = c;
     }

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -189,6 +190,37 @@ TEST(ReceiptJsonTest, DecodesOlderReceiptsWithoutTheNewerKeys) {
     mistyped[p] = json::object({{"x", 1}});
     EXPECT_FALSE(decodeReceipt(mistyped).ok()) << "mistyped " << pointer;
   }
+
+  // A count is a whole number in the signed range, never truncated or
+  // wrapped; a dollar figure may be written without a fraction.
+  for (const char* pointer : {"/totals/turns", "/flags/distinct_request_ids", "/waste/categories/0/sessions_distinct",
+                              "/top_sessions/0/context_peak"}) {
+    for (const json& bad : {json(2.5), json(5.0), json(9'223'372'036'854'775'808ULL)}) {
+      json mistyped = json(r);
+      mistyped[json::json_pointer(pointer)] = bad;
+      EXPECT_FALSE(decodeReceipt(mistyped).ok()) << pointer << " = " << bad.dump();
+    }
+  }
+  // A list written as null is not an empty list, nor a record a list of its
+  // values.
+  for (const char* pointer : {"/by_model", "/by_day", "/top_sessions", "/mac_first/media_loops/loops",
+                              "/waste/categories", "/mac_first/categories/2/detail_lines",
+                              "/switch_tax/top_switches"}) {
+    json nulled = json(r);
+    nulled[json::json_pointer(pointer)] = nullptr;
+    EXPECT_FALSE(decodeReceipt(nulled).ok()) << pointer << " = null";
+  }
+  json keyed = json(r);
+  keyed["/top_sessions"_json_pointer] = json{{"first", keyed["/top_sessions/0"_json_pointer]}};
+  EXPECT_FALSE(decodeReceipt(keyed).ok()) << "a record of sessions for a list";
+
+  json whole = json(r);
+  whole["/totals/turns"_json_pointer] = 9'223'372'036'854'775'807LL;
+  whole["/fair_usd"_json_pointer] = 3;
+  decoded = decodeReceipt(whole);
+  ASSERT_TRUE(decoded.ok()) << decoded.error().message;
+  EXPECT_EQ(decoded.value().totals.turns, std::numeric_limits<int64_t>::max());
+  EXPECT_EQ(decoded.value().fair_usd, 3.0);
 }
 
 }  // namespace
