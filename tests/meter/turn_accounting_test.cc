@@ -182,7 +182,9 @@ TEST(TurnAccountingTest, TypedWordsArePricedOnceAtTheTurnTheyEnter) {
   std::string twoThousandBytes, twoThousandOneBytes;
   for (int i = 0; i < 1000; ++i) twoThousandBytes += "\xC3\xA9";  // 1,000 characters, 2,000 bytes
   twoThousandOneBytes = twoThousandBytes + "x";
-  json sidechain = user("typed in a side chat", at(4));
+  // A side chat's words are not the person's, but its image still enters
+  // the next turn.
+  json sidechain = user(json::array({textBlock("typed in a side chat"), imageBlock(4'003)}), at(4));
   sidechain["isSidechain"] = true;
   json meta = user("machine words", at(5));
   meta["isMeta"] = true;
@@ -207,6 +209,9 @@ TEST(TurnAccountingTest, TypedWordsArePricedOnceAtTheTurnTheyEnter) {
   EXPECT_EQ(t.sessions_distinct, 1);
   EXPECT_EQ(t.base_turns, 2);
   EXPECT_DOUBLE_EQ(t.faced_share_percent, 10.02);
+  const ReceiptCategory& media = r.mac_first.categories[0];
+  ASSERT_EQ(media.key, "media_reads");
+  EXPECT_DOUBLE_EQ(media.usd, 1'000 * in);
 }
 
 TEST(TurnAccountingTest, CompactionsArePricedFromTheLastRealTurnOncePerUuid) {
@@ -222,14 +227,17 @@ TEST(TurnAccountingTest, CompactionsArePricedFromTheLastRealTurnOncePerUuid) {
              assistant("a2", kOpus, {.output = 1'000}, at(400)),
              compactBoundary("c2", 100'000, 2'000, at(701), "manual"),  // 301 s after: cold
              noMetadata, otherSubtype});
+  // The real model is the file's own: a subagent file that opens with a
+  // compaction has nothing to price it from, whatever the main file ran on.
+  tree.subagent("-home-dev-shop", "aaaaaaaa-1", "agent-1", {compactBoundary("c3", 50'000, 500, at(720))});
   tree.main("-home-dev-shop", "bbbbbbbb-1",
             {assistant("b1", kOpus, {.output = 1'000}, at(800)),
              compactBoundary("c1", 100'000, 2'000, at(810))});  // a resumed copy
   const Receipt r = tree.run();
   const ReceiptAutoCompactions& c = *r.auto_compactions;
   const double warm = (25.0 * 2'000 + 0.5 * 100'000) / 1e6, cold = (25.0 * 2'000 + 5.0 * 100'000) / 1e6;
-  EXPECT_EQ(c.event_count, 3);
-  EXPECT_EQ(c.involuntary_count, 2);
+  EXPECT_EQ(c.event_count, 4);
+  EXPECT_EQ(c.involuntary_count, 3);
   EXPECT_EQ(c.voluntary_count, 1);
   EXPECT_DOUBLE_EQ(c.primary_usd, roundUSD(warm + cold));
   EXPECT_DOUBLE_EQ(c.bound_usd, roundUSD(cold + warm));
@@ -240,13 +248,15 @@ TEST(TurnAccountingTest, CompactionsArePricedFromTheLastRealTurnOncePerUuid) {
   EXPECT_EQ(c.example_pre_tokens, 100'000);
   EXPECT_EQ(c.example_post_tokens, 2'000);
   EXPECT_EQ(c.sessions_distinct, 1);
-  ASSERT_EQ(c.top_events.size(), 3u);
+  ASSERT_EQ(c.top_events.size(), 4u);
   EXPECT_EQ(c.top_events[0].text, "shop session aaaaaaaa: pre 100000 post 2000");
   EXPECT_DOUBLE_EQ(c.top_events[0].usd, roundUSD(cold));
   EXPECT_DOUBLE_EQ(c.top_events[1].usd, roundUSD(warm));
   EXPECT_EQ(c.top_events[2].text, "session session aaaaaaaa: pre 5000 post 100 (unpriced)");
   EXPECT_EQ(c.top_events[2].usd, 0.0);
   EXPECT_EQ(c.top_events[2].session_id, "aaaaaaaa");
+  EXPECT_EQ(c.top_events[3].text, "shop session aaaaaaaa: pre 50000 post 500 (unpriced)");
+  EXPECT_EQ(c.top_events[3].usd, 0.0);
   EXPECT_DOUBLE_EQ(r.totals.spent_usd, 0.075);  // estimates stand apart from spend
 }
 
