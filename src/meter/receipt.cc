@@ -62,8 +62,10 @@ T at(const json& j, const char* key) {
 
 template <typename T>
 T opt(const json& j, const char* key, T fallback) {
+  // A key that older receipts may lack reads a null as lacking it too, as
+  // the optional texts do.
   auto it = j.find(key);
-  if (it == j.end()) return fallback;
+  if (it == j.end() || it->is_null()) return fallback;
   return valueOf<T>(*it);
 }
 

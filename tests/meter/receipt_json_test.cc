@@ -169,6 +169,17 @@ TEST(ReceiptJsonTest, DecodesOlderReceiptsWithoutTheNewerKeys) {
   EXPECT_EQ(d.session_id_convention, kSessionIdConvention);
   EXPECT_EQ(d.totals.turns, r.totals.turns);
 
+  // A null stands for a missing key where a key may be missing.
+  json nulled = json(r);
+  nulled["totals"]["sessions_context_over_100k"] = nullptr;
+  nulled["waste"]["categories"][0]["sessions_distinct"] = nullptr;
+  nulled["flags"]["distinct_request_ids"] = nullptr;
+  decoded = decodeReceipt(nulled);
+  ASSERT_TRUE(decoded.ok()) << decoded.error().message;
+  EXPECT_EQ(decoded.value().totals.sessions_context_over_100k, 0);
+  EXPECT_EQ(decoded.value().waste.categories[0].sessions_distinct, 0);
+  EXPECT_EQ(decoded.value().flags.distinct_request_ids, 0);
+
   json oldest = old;
   for (const char* key : {"typed_share", "switch_tax", "auto_compactions"}) oldest.erase(key);
   decoded = decodeReceipt(oldest);
