@@ -78,17 +78,15 @@ int runReceipt(const ReceiptFlags& flags, const CLI::App& command) {
     if (*instant && !ostler::isValidInstant(**instant))
       return usageError(command, fmt::format("not an ISO 8601 instant: {}", **instant));
 
+  // A root with nothing to read is said in one line, and its receipt (all
+  // zeros) is still printed: a script reading the output gets a receipt.
   std::error_code ec;
   const bool isDirectory = std::filesystem::is_directory(flags.root, ec);
-  if (flags.root == defaultRoot() && (!isDirectory || ostler::discoverSessionGroups(flags.root).empty())) {
+  if (flags.root == defaultRoot() && (!isDirectory || ostler::discoverSessionGroups(flags.root).empty()))
     std::cerr << "ostler: no transcripts under " << flags.root << "; try the sample: ostler receipt --root "
               << OSTLER_SAMPLE_ROOT << "\n";
-    return 1;
-  }
-  if (!isDirectory) {
+  else if (!isDirectory)
     std::cerr << "ostler: no transcript folder at " << flags.root << "\n";
-    return 1;
-  }
 
   ostler::MeterOptions options;
   options.root = flags.root;
