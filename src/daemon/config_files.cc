@@ -32,11 +32,9 @@ std::optional<int> billingDay(const std::string& path) {
   auto it = j->find("billing_day");
   // An integer literal only: 5.0 is not a day.
   if (it == j->end() || !it->is_number_integer()) return std::nullopt;
-  if (it->is_number_unsigned()) {
-    const auto day = it->get<uint64_t>();
-    if (day < 1 || day > 31) return std::nullopt;
-    return static_cast<int>(day);
-  }
+  // Non-negative literals are held unsigned; one past the signed range must
+  // not wrap into the days.
+  if (it->is_number_unsigned() && it->get<uint64_t>() > 31) return std::nullopt;
   const auto day = it->get<int64_t>();
   if (day < 1 || day > 31) return std::nullopt;
   return static_cast<int>(day);

@@ -1,6 +1,6 @@
 // The two keys the engine reads from files that others own: the billing day
 // from Ostler's own configuration, and why extra usage is off from Claude
-// Code's. Each is read afresh for every feed, so a changed file shows at once.
+// Code's. Each feed asks for both, so a changed file shows in the next one.
 #pragma once
 
 #include <cstdint>
