@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 #include <thread>
 #include <unordered_map>
+#include <utility>
 
 #include "meter/attribution.h"
 #include "meter/build_receipt.h"
@@ -130,6 +132,25 @@ FileDigest digestFile(const std::string& path, const FileSlice& slice, FileDiges
   return digest;
 }
 
+namespace {
+
+void appendBashScanLine(const RawTranscriptLine& raw, FileBashScan& scan) {
+  if (raw.type != "assistant") return;
+  BashScanLine& out = scan.lines.emplace_back();
+  if (raw.requestId) out.requestId = scan.strings.store(*raw.requestId);
+  if (raw.timestamp) {
+    out.timestamp = scan.strings.store(*raw.timestamp);
+    out.instant = ISO8601::parse(*raw.timestamp);
+  }
+  if (!raw.message || !raw.message->content) return;
+  for (const auto& block : *raw.message->content) {
+    if (block.type == "tool_use" && block.name == "Bash" && block.input && block.input->command)
+      out.templateHashes.push_back(templateHash(*block.input->command));
+  }
+}
+
+}  // namespace
+
 FileBashScan scanFileForBash(const std::string& path, const FileSlice& slice) {
   FileBashScan scan;
   auto reader = openSlice(path, slice);
@@ -142,22 +163,68 @@ FileBashScan scanFileForBash(const std::string& path, const FileSlice& slice) {
     if (!line) break;
     std::string_view trimmed = text::trimSpacesAndTabs(*line);
     if (trimmed.empty() || !mayBeAssistantLine(trimmed)) continue;
-    if (!decoder.decode(trimmed, true, &raw)) continue;
-    if (raw.type != "assistant") continue;
-    BashScanLine& out = scan.lines.emplace_back();
-    if (raw.requestId) out.requestId = scan.strings.store(*raw.requestId);
-    if (raw.timestamp) {
-      out.timestamp = scan.strings.store(*raw.timestamp);
-      out.instant = ISO8601::parse(*raw.timestamp);
-    }
-    if (!raw.message || !raw.message->content) continue;
-    for (const auto& block : *raw.message->content) {
-      if (block.type == "tool_use" && block.name == "Bash" && block.input && block.input->command)
-        out.templateHashes.push_back(templateHash(*block.input->command));
-    }
+    if (decoder.decode(trimmed, true, &raw)) appendBashScanLine(raw, scan);
   }
   return scan;
 }
+
+namespace {
+
+// One slice read for both passes at once: pass one's scan and pass two's
+// digest from a single parse of each line, and the tap's share.
+struct SliceReading {
+  FileBashScan bash;
+  FileDigest digest;
+  std::unique_ptr<LineTap::Slice> tap;
+  uint64_t readEnd = 0;
+};
+
+SliceReading readSliceOnce(const std::string& path, const FileSlice& slice, const LineTap* tap, FileDigest storage) {
+  SliceReading r;
+  r.digest = std::move(storage);
+  r.digest.clear();
+  auto reader = openSlice(path, slice);
+  if (!reader) return r;
+  r.digest.opened = r.bash.opened = true;
+  if (tap != nullptr) r.tap = tap->openSlice();
+  JsonLineParser& parser = threadDecoder().parser();
+  RawTranscriptLine raw;
+  int64_t lineNumber = int64_t{slice.index} << 32;
+  while (reader->nextLineOffset() < slice.end) {
+    const uint64_t begin = reader->nextLineOffset();
+    auto line = reader->nextLine();
+    if (!line) break;
+    ++lineNumber;
+    const uint64_t end = reader->nextLineOffset();
+    std::string_view trimmed = text::trimSpacesAndTabs(*line);
+    std::optional<simdjson::dom::object> root;
+    if (!trimmed.empty()) {
+      root = parser.parse(trimmed, true);
+      if (root && decodeRawTranscriptLine(*root, &raw)) {
+        appendDigestLine(raw, lineNumber, r.digest);
+        appendBashScanLine(raw, r.bash);
+      } else {
+        appendSkippedLine(lineNumber, r.digest);
+      }
+    }
+    if (r.tap) r.tap->line(begin, end, end > begin + line->size(), trimmed, root ? &*root : nullptr);
+  }
+  r.readEnd = reader->nextLineOffset();
+  // The digest is likely kept until pass two: it should hold no slack.
+  r.digest.lines.shrink_to_fit();
+  r.digest.toolUses.shrink_to_fit();
+  r.digest.toolResults.shrink_to_fit();
+  finishDigest(r.digest);
+  return r;
+}
+
+// Heap bytes a kept digest holds.
+size_t digestBytes(const FileDigest& d) {
+  return d.lines.capacity() * sizeof(MeterLine) + d.toolUses.capacity() * sizeof(MeterToolUse) +
+         d.toolResults.capacity() * sizeof(MeterToolResult) + d.strings.capacityBytes();
+}
+
+}  // namespace
 
 namespace {
 
@@ -236,6 +303,51 @@ void scanPassOne(const Plan& plan, std::vector<BashOccurrences>& counts, int64_t
     if (onProgress && throttle.shouldReport(filesOpened == totalFiles)) onProgress({filesOpened, totalFiles, 0});
   }
   for (auto& c : counts) c.finish();
+}
+
+// Pass one on a reading that parses every line: besides the scans, it hands
+// the tap its slices and keeps digests for pass two within `keepBytes`.
+// Returns the kept digests by slice.
+std::vector<std::optional<FileDigest>> readPassOneOnce(const Plan& plan, std::vector<BashOccurrences>& counts,
+                                                       int64_t totalFiles, const ProgressCallback& onProgress,
+                                                       const Clock& clock, const ReadingOptions& reading) {
+  std::vector<std::optional<FileDigest>> kept(plan.slices.size());
+  size_t keptBytes = 0;
+  Recycler<FileDigest> spent;
+  const LineTap* tap = reading.tap;
+  OrderedWork<SliceReading> work(
+      plan.slices.size(),
+      [&](size_t i) { return readSliceOnce(*plan.slices[i].first, plan.slices[i].second, tap, spent.take()); },
+      workerThreads(), kWindow);
+  int64_t filesOpened = 0;
+  ProgressThrottle throttle(clock);
+  for (const FileTask& file : plan.files) {
+    bool opened = false;
+    for (auto& c : counts) c.beginFile();
+    for (size_t s = 0; s < file.sliceCount; ++s) {
+      const size_t index = file.firstSlice + s;
+      SliceReading r = work.take(index);
+      if (s == 0) opened = r.bash.opened;
+      // A slice that could not be opened is read again by pass two, as in
+      // the two-reading run.
+      if (!r.bash.opened) continue;
+      if (opened)
+        for (auto& c : counts) c.fold(r.bash);
+      if (r.tap) reading.tap->take(*file.path, r.readEnd, std::move(r.tap));
+      const size_t bytes = digestBytes(r.digest);
+      if (keptBytes + bytes <= reading.keepDigestBytes) {
+        keptBytes += bytes;
+        kept[index] = std::move(r.digest);
+      } else {
+        spent.give(std::move(r.digest));
+      }
+    }
+    if (!opened) continue;
+    ++filesOpened;
+    if (onProgress && throttle.shouldReport(filesOpened == totalFiles)) onProgress({filesOpened, totalFiles, 0});
+  }
+  for (auto& c : counts) c.finish();
+  return kept;
 }
 
 }  // namespace
@@ -387,7 +499,7 @@ void processSessionGroup(const SessionGroup& group, const MeterOptions& options,
 namespace MeterEngine {
 
 std::vector<MeterRun> runAll(const std::vector<MeterOptions>& passList, const ProgressCallback& onProgress,
-                             const Clock& clock) {
+                             const Clock& clock, const ReadingOptions& reading) {
   if (passList.empty()) return {};
   const std::vector<SessionGroup> groups = sortedGroups(passList.front().root);
   const int64_t totalFiles = countFiles(groups);
@@ -404,12 +516,21 @@ std::vector<MeterRun> runAll(const std::vector<MeterOptions>& passList, const Pr
   // depends on its runs later in the tree.
   std::vector<BashOccurrences> counts;
   for (auto& p : passes) counts.emplace_back(p.bounds, *p.agg);
-  scanPassOne(plan, counts, totalFiles, onProgress, clock);
+  std::vector<std::optional<FileDigest>> kept;
+  if (reading.keepDigestBytes > 0 || reading.tap != nullptr)
+    kept = readPassOneOnce(plan, counts, totalFiles, onProgress, clock, reading);
+  else
+    scanPassOne(plan, counts, totalFiles, onProgress, clock);
 
   Recycler<FileDigest> spent;
   OrderedWork<FileDigest> work(
       plan.slices.size(),
-      [&](size_t i) { return digestFile(*plan.slices[i].first, plan.slices[i].second, spent.take()); },
+      [&](size_t i) {
+        // Each slice is made once, by one thread, so its kept digest is
+        // moved out without a lock.
+        if (i < kept.size() && kept[i]) return std::move(*std::exchange(kept[i], std::nullopt));
+        return digestFile(*plan.slices[i].first, plan.slices[i].second, spent.take());
+      },
       workerThreads(), kWindow);
   auto giveBack = [&](FileDigest&& d) { spent.give(std::move(d)); };
   size_t nextFile = 0;

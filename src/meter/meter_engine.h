@@ -9,8 +9,12 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
+
+#include <simdjson.h>
 
 #include "meter/meter_line.h"
 #include "meter/meter_options.h"
@@ -67,6 +71,44 @@ struct MeterRun {
   std::vector<MediaLoopDetailRecord> loopDetail;
 };
 
+// Another reader's share of the meter's first reading of the tree: a caller
+// that needs the same lines for its own purpose takes them from the parse
+// the meter makes anyway, so that the tree is read and parsed once.
+class LineTap {
+ public:
+  // One slice's lines, gathered on a worker thread.
+  class Slice {
+   public:
+    virtual ~Slice() = default;
+    // Every line of the slice in order, blank ones too: its bytes are
+    // [begin, end) of the file, `end` past the line feed when `terminated`.
+    // `root` is the parsed line, null when it is blank or not JSON; it and
+    // `trimmed` are valid during the call only.
+    virtual void line(uint64_t begin, uint64_t end, bool terminated, std::string_view trimmed,
+                      const simdjson::dom::object* root) = 0;
+  };
+
+  virtual ~LineTap() = default;
+  // Called on worker threads, at once.
+  [[nodiscard]] virtual std::unique_ptr<Slice> openSlice() const = 0;
+  // Called on the meter's calling thread: a file's slices in order, files in
+  // the meter's order. `readEnd` is where the slice's reading stopped (the
+  // file's end for its last slice). Files that cannot be opened never come.
+  virtual void take(const std::string& path, uint64_t readEnd, std::unique_ptr<Slice> slice) = 0;
+};
+
+// How a run reads the tree. The default reads every file twice and holds
+// memory that does not grow with the tree.
+struct ReadingOptions {
+  // Digests of the first reading kept for the second, up to about this many
+  // bytes: a file whose digests are kept is read and parsed once. Any value
+  // above 0 makes the first reading parse every line, not just the
+  // assistant ones.
+  size_t keepDigestBytes = 0;
+  // Fed from the first reading, which then parses every line.
+  LineTap* tap = nullptr;
+};
+
 namespace MeterEngine {
 
 // A full pass. Cannot fail: unreadable files and bad lines are passed over
@@ -85,7 +127,7 @@ namespace MeterEngine {
 // that of the first pass.
 [[nodiscard]] std::vector<MeterRun> runAll(const std::vector<MeterOptions>& passes,
                                            const ProgressCallback& onProgress = nullptr,
-                                           const Clock& clock = systemClock());
+                                           const Clock& clock = systemClock(), const ReadingOptions& reading = {});
 
 }  // namespace MeterEngine
 

@@ -79,7 +79,8 @@ struct FileDigest {
   std::vector<MeterLine> lines;  // decoded and skipped lines; blank ones are left out
   std::vector<MeterToolUse> toolUses;
   std::vector<MeterToolResult> toolResults;
-  StringArena strings;
+  // A slice's strings (ids, stamps, folders) come to a few kilobytes.
+  StringArena strings{16 * 1024};
 
   FileDigest() = default;
   FileDigest(FileDigest&&) noexcept = default;

@@ -21,10 +21,14 @@ class Recycler {
     return value;
   }
 
+  // Keeps a few spent objects; past that they are freed, so that a run
+  // whose objects were not made here does not hoard them all.
   void give(T value) {
     std::lock_guard lock(mutex_);
-    shelf_.push_back(std::move(value));
+    if (shelf_.size() < kShelfSize) shelf_.push_back(std::move(value));
   }
+
+  static constexpr size_t kShelfSize = 32;
 
  private:
   std::mutex mutex_;

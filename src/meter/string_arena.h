@@ -15,6 +15,9 @@ namespace ostler {
 class StringArena {
  public:
   StringArena() = default;
+  // Arenas that live long and hold little (a small file's lines kept for
+  // later) take smaller blocks.
+  explicit StringArena(size_t blockSize) : blockSize_(blockSize) {}
   StringArena(StringArena&&) noexcept = default;
   StringArena& operator=(StringArena&&) noexcept = default;
   StringArena(const StringArena&) = delete;
@@ -32,6 +35,13 @@ class StringArena {
   }
 
   static constexpr size_t kBlockSize = 64 * 1024;
+
+  // Bytes held in blocks, used or not.
+  [[nodiscard]] size_t capacityBytes() const {
+    size_t total = 0;
+    for (const auto& b : blocks_) total += b.size;
+    return total;
+  }
 
   // Forgets every string but keeps the blocks for reuse; earlier views
   // become invalid.
@@ -51,7 +61,7 @@ class StringArena {
     // Reuse a kept block when it is large enough, else make one.
     while (used_ < blocks_.size() && blocks_[used_].size < atLeast) ++used_;
     if (used_ == blocks_.size()) {
-      size_t size = atLeast > kBlockSize ? atLeast : kBlockSize;
+      size_t size = atLeast > blockSize_ ? atLeast : blockSize_;
       blocks_.push_back({std::make_unique_for_overwrite<char[]>(size), size});
     }
     cursor_ = blocks_[used_].bytes.get();
@@ -59,6 +69,7 @@ class StringArena {
     ++used_;
   }
 
+  size_t blockSize_ = kBlockSize;
   std::vector<Block> blocks_;
   size_t used_ = 0;  // blocks handed out since the last clear
   char* cursor_ = nullptr;
