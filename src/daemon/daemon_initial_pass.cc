@@ -1,9 +1,10 @@
-// The heavy pass before the first feed: the live engine catches up with the
-// tree while the meter, the window scan and a fresh family count read it at
-// the same time.
+// The heavy pass before the first feed: the meter's two receipts, the live
+// engine's catching up with the tree, the window scan and a fresh family
+// count, on one reading of the tree.
 #include "daemon/daemon.h"
 #include "daemon/local_day.h"
 #include "daemon/parallel_jobs.h"
+#include "daemon/pre_read_tree.h"
 #include "daemon/today_equality_check.h"
 #include "meter/meter_engine.h"
 
@@ -17,6 +18,26 @@ bool neverPolled(const LiveEngine& engine) {
          engine.sessionState().empty();
 }
 
+// Runs `jobs` at once until all are done. With a shutdown signal, looks at
+// it every kShutdownCheckSeconds; a stop still waits for every job, so none
+// is abandoned mid-read. Returns whether a stop came.
+bool runJobs(std::vector<std::function<void()>> jobs, const ShutdownSignalSource* shutdownSignal) {
+  ParallelJobs running(std::move(jobs));
+  if (shutdownSignal == nullptr) {
+    running.wait();
+    return false;
+  }
+  bool stopped = false;
+  while (!running.waitFor(kShutdownCheckSeconds)) {
+    if (shutdownSignal->isRequested()) {
+      stopped = true;
+      break;
+    }
+  }
+  running.wait();
+  return stopped;
+}
+
 }  // namespace
 
 std::optional<InitialPassResult> initialPass(LiveEngine& engine, const DaemonOptions& options, InstantMs now,
@@ -25,8 +46,7 @@ std::optional<InitialPassResult> initialPass(LiveEngine& engine, const DaemonOpt
                                              const std::function<void(LiveEngine&)>& prepareEngine) {
   const InstantMs boundary = LocalDay::localMidnightInstant(now, engine.timeZoneId());
   // On a cold start the live poll is itself a fresh read of the whole tree,
-  // so its family tokens stand for the throw-away engine's and the tree is
-  // read once less. Known once the engine is prepared, within its job.
+  // so its family tokens stand for the throw-away engine's.
   bool coldStart = false;
 
   InitialPassResult result;
@@ -40,56 +60,57 @@ std::optional<InitialPassResult> initialPass(LiveEngine& engine, const DaemonOpt
       *seconds = clock.monotonicSeconds() - start;
     };
   };
-  std::vector<std::function<void()>> jobs = {
-      timed(&result.liveSeconds,
-            [&] {
-              if (prepareEngine) prepareEngine(engine);
-              coldStart = neverPolled(engine);
-              (void)engine.poll(options.root, now, shutdownSignal);
-              result.accumulatorSnapshot = engine.todayAccumulatorSnapshot();
-              if (coldStart) tokens = engine.todayTokensByFamily();
-            }),
-      // Both receipts come from one reading of the tree, so the two timings
-      // are the same figure.
-      timed(&result.lifetimeSeconds,
-            [&] {
-              auto receipts = Odometer::lifetimeAndToday(options.root, options.pricing, boundary, now, onProgress);
-              lifetime = std::move(receipts.lifetime);
-              today = std::move(receipts.today);
-            }),
-      timed(&result.windowScanSeconds,
-            [&] { walls = WindowScan::walls(WindowScan::scan(options.root, options.pricing)); }),
-  };
 
-  bool stopped = false;
-  {
-    ParallelJobs running(std::move(jobs));
-    if (shutdownSignal == nullptr) {
-      running.wait();
-    } else {
-      while (!running.waitFor(kShutdownCheckSeconds)) {
-        if (shutdownSignal->isRequested()) {
-          stopped = true;
-          break;
-        }
-      }
-      // A stop still waits for every job: none is abandoned mid-read.
-      running.wait();
-    }
-  }
+  // First the meter reads the tree, once, for both receipts, and gathers on
+  // the way the lines the engine and the scan read; the saved state loads
+  // beside it. Then the engine and the scan fold those lines, files that
+  // changed since excepted, which they read themselves.
+  PreReadTree preRead(Odometer::kPreReadBytes);
+  bool stopped = runJobs(
+      {
+          // Both receipts come from one reading of the tree, so the two
+          // timings are the same figure.
+          timed(&result.lifetimeSeconds,
+                [&] {
+                  auto receipts = Odometer::lifetimeAndToday(options.root, options.pricing, boundary, now, onProgress,
+                                                             Odometer::readOnce(preRead));
+                  lifetime = std::move(receipts.lifetime);
+                  today = std::move(receipts.today);
+                }),
+          [&] {
+            if (prepareEngine) prepareEngine(engine);
+            coldStart = neverPolled(engine);
+          },
+      },
+      shutdownSignal);
   result.todayWindowedSeconds = result.lifetimeSeconds;
+  if (stopped) return std::nullopt;
+
+  stopped = runJobs(
+      {
+          timed(&result.liveSeconds,
+                [&] {
+                  (void)engine.poll(options.root, now, shutdownSignal, &preRead);
+                  result.accumulatorSnapshot = engine.todayAccumulatorSnapshot();
+                  if (coldStart) tokens = engine.todayTokensByFamily();
+                }),
+          timed(&result.windowScanSeconds,
+                [&] { walls = WindowScan::walls(WindowScan::scan(options.root, options.pricing, &preRead)); }),
+      },
+      shutdownSignal);
   if (stopped) return std::nullopt;
 
   // The fresh family count only ever reaches the feed when today's check
   // diverges (it then stands for the accumulator), so after a warm start it
-  // is read, a fourth pass over the tree, only in that case.
+  // is read only in that case.
   if (!coldStart) {
     const bool matches = TodayEqualityCheck::check(result.accumulatorSnapshot.spentUSD,
                                                    result.accumulatorSnapshot.turns,
                                                    today.totals.spent_usd, now, nullptr)
                              .matches;
     if (!matches)
-      tokens = LiveEngine::freshWindowedTokensByFamily(options.root, options.pricing, now, engine.timeZoneId());
+      tokens = LiveEngine::freshWindowedTokensByFamily(options.root, options.pricing, now, engine.timeZoneId(),
+                                                       &preRead);
   }
 
   result.odometerBundle = Odometer::bundle(std::move(lifetime), std::move(today), walls, std::move(tokens));

@@ -24,7 +24,7 @@ namespace {
 // folder rather than walked to from the root again.
 // A chat is named by the first words typed into it: the first 4,000
 // characters on one line, cut to 80.
-constexpr int64_t kFirstMessageScanCharacters = 4000;
+constexpr int64_t kFirstMessageScanCharacters = kTypedTextScanCharacters;
 constexpr int64_t kFirstMessageCharacters = 80;
 
 }  // namespace
@@ -33,7 +33,7 @@ LiveEngine::LiveEngine(PricingTable pricing, std::string timeZoneId)
     : pricing_(std::move(pricing)), timeZoneId_(std::move(timeZoneId)) {}
 
 std::set<std::string> LiveEngine::poll(const std::string& root, InstantMs now,
-                                       const ShutdownSignalSource* shutdownSignal) {
+                                       const ShutdownSignalSource* shutdownSignal, const PreReadTree* preRead) {
   // The rollover comes first, so no line of a new day is ever folded into
   // the day before.
   rollOverDay(now);
@@ -51,7 +51,7 @@ std::set<std::string> LiveEngine::poll(const std::string& root, InstantMs now,
   for (const DaemonFile& file : files) {
     if (shutdownSignal != nullptr && shutdownSignal->isRequested()) break;
     std::optional<int64_t> size = fileSizes_->sizeOf(file.path);
-    if (size && readFile(file, *size, now, offsetHint)) touched.insert(file.sessionId);
+    if (size && readFile(file, *size, now, offsetHint, preRead)) touched.insert(file.sessionId);
   }
   fileSizes_->endPoll();
   pruneBurns(now);
@@ -73,7 +73,8 @@ void LiveEngine::rollOverDay(InstantMs now) {
   isDirty_ = true;
 }
 
-bool LiveEngine::readFile(const DaemonFile& file, int64_t size, InstantMs now, OffsetIterator& hint) {
+bool LiveEngine::readFile(const DaemonFile& file, int64_t size, InstantMs now, OffsetIterator& hint,
+                          const PreReadTree* preRead) {
   // Discovery lists files mostly in the order of the map, so the entry after
   // the last one found is tried before a search.
   auto stored = hint != fileOffsets_.end() ? std::next(hint) : fileOffsets_.begin();
@@ -86,30 +87,47 @@ bool LiveEngine::readFile(const DaemonFile& file, int64_t size, InstantMs now, O
   if (start >= size) return false;
   auto lastSize = sizeAtLastRead_.find(file.path);
   if (start == storedOffset && lastSize != sizeAtLastRead_.end() && lastSize->second == size) return false;
-  // A small rest (often a torn last line read again) needs no whole chunk;
-  // the reader still reads on to the end if the file grew meanwhile.
-  const auto chunk = static_cast<size_t>(std::clamp<int64_t>(size - start, 64 * 1024, TailReader::kDefaultChunkSize));
-  auto reader = TailReader::open(file.path, start, chunk);
-  if (!reader) return false;
-
   bool yielded = false;
-  DaemonRawLine line;
-  while (auto raw = reader->nextLine()) {
-    yielded = true;
-    // The parser repairs invalid UTF-8 itself, so raw bytes are trimmed
-    // here; Zs and tab are whole scalars either way.
-    std::string_view trimmed = text::trimSpacesAndTabs(*raw);
-    if (trimmed.empty()) continue;
-    ++newLinesSeen_;
-    if (decoder_.decode(trimmed, true, &line)) {
-      process(line, file, now);
-    } else {
-      ++newLinesSkipped_;
-      recordExclusion(ExclusionReason::kParseSkip, 0);
+  int64_t offset = start;
+  auto served = start == 0 && preRead != nullptr ? preRead->serve(file.path, size) : std::nullopt;
+  if (served) {
+    yielded = served->wholeLinesEnd > 0;
+    for (const PreReadTree::Line* line : served->lines) {
+      ++newLinesSeen_;
+      if (line->decoded) {
+        process(line->line, file, now);
+      } else {
+        ++newLinesSkipped_;
+        recordExclusion(ExclusionReason::kParseSkip, 0);
+      }
     }
+    offset = static_cast<int64_t>(served->wholeLinesEnd);
+  } else {
+    // A small rest (often a torn last line read again) needs no whole
+    // chunk; the reader still reads on to the end if the file grew
+    // meanwhile.
+    const auto chunk =
+        static_cast<size_t>(std::clamp<int64_t>(size - start, 64 * 1024, TailReader::kDefaultChunkSize));
+    auto reader = TailReader::open(file.path, start, chunk);
+    if (!reader) return false;
+    while (auto raw = reader->nextLine()) {
+      yielded = true;
+      // The parser repairs invalid UTF-8 itself, so raw bytes are trimmed
+      // here; Zs and tab are whole scalars either way.
+      std::string_view trimmed = text::trimSpacesAndTabs(*raw);
+      if (trimmed.empty()) continue;
+      ++newLinesSeen_;
+      if (decoder_.decode(trimmed, true, &rawLine_)) {
+        lineStrings_.clear();
+        process(digestLiveLine(rawLine_, lineStrings_), file, now);
+      } else {
+        ++newLinesSkipped_;
+        recordExclusion(ExclusionReason::kParseSkip, 0);
+      }
+    }
+    offset = reader->offset();
+    reader->close();
   }
-  int64_t offset = reader->offset();
-  reader->close();
   fileOffsets_[file.path] = offset;
   if (lastSize != sizeAtLastRead_.end())
     lastSize->second = size;
@@ -119,37 +137,40 @@ bool LiveEngine::readFile(const DaemonFile& file, int64_t size, InstantMs now, O
   return yielded;
 }
 
-void LiveEngine::process(const DaemonRawLine& line, const DaemonFile& file, InstantMs now) {
+void LiveEngine::process(const LiveLine& line, const DaemonFile& file, InstantMs now) {
   auto [sit, newSession] = sessionState_.try_emplace(file.sessionId);
   SessionLiveState& session = sit->second;
   if (newSession) session.projectDirPath = file.projectDirPath;
   // The first cwd seen in any file of the chat names its project for good.
-  if (session.project.empty() && line.cwd && !line.cwd->empty())
-    session.project = std::string(text::lastPathComponent(*line.cwd));
+  if (session.project.empty() && !line.cwd.empty()) session.project = std::string(text::lastPathComponent(line.cwd));
 
   auto [mit, newFile] = fileMediaState_.try_emplace(file.path);
   FileMediaState& media = mit->second;
   if (newFile) media.sessionId = file.sessionId;
 
-  if (!line.type) return;
-  std::string_view type = *line.type;
-  if (type == "assistant") {
-    processAssistant(line, session, media, now);
-    std::string_view model = daemonModel(line);
-    if (file.isSubagent && !model.empty()) subagentLastModel_[file.path] = std::string(model);
-  } else if (type == "user") {
-    processUser(line, media);
-    // Only typed text names a chat; a list of blocks leaves the name open.
-    if (!session.firstUserMessage && line.message && line.message->contentText) {
-      std::string collapsed =
-          collapseWhitespace(text::prefixCharacters(*line.message->contentText, kFirstMessageScanCharacters));
-      if (!collapsed.empty())
-        session.firstUserMessage = std::string(text::prefixCharacters(collapsed, kFirstMessageCharacters));
-    }
-  } else if (type == "ai-title") {
-    if (line.aiTitle && !line.aiTitle->empty()) session.aiTitle = std::string(*line.aiTitle);
-  } else if (type == "custom-title") {
-    if (line.customTitle && !line.customTitle->empty()) session.customTitle = std::string(*line.customTitle);
+  switch (line.type) {
+    case LiveLine::Type::kAssistant:
+      processAssistant(line, session, media, now);
+      if (file.isSubagent && !line.model.empty()) subagentLastModel_[file.path] = std::string(line.model);
+      break;
+    case LiveLine::Type::kUser:
+      processUser(line, media);
+      // Only typed text names a chat; a list of blocks leaves the name open.
+      if (!session.firstUserMessage && line.typedText) {
+        std::string collapsed = collapseWhitespace(text::prefixCharacters(*line.typedText, kFirstMessageScanCharacters));
+        if (!collapsed.empty())
+          session.firstUserMessage = std::string(text::prefixCharacters(collapsed, kFirstMessageCharacters));
+      }
+      break;
+    case LiveLine::Type::kAiTitle:
+      if (!line.title.empty()) session.aiTitle = std::string(line.title);
+      break;
+    case LiveLine::Type::kCustomTitle:
+      if (!line.title.empty()) session.customTitle = std::string(line.title);
+      break;
+    case LiveLine::Type::kAbsent:
+    case LiveLine::Type::kOther:
+      break;
   }
 }
 
@@ -214,9 +235,10 @@ std::optional<InstantMs> LiveEngine::lastActivity(const std::string& sessionId) 
 
 std::map<std::string, int64_t> LiveEngine::freshWindowedTokensByFamily(const std::string& root,
                                                                        const PricingTable& pricing, InstantMs now,
-                                                                       const std::string& timeZoneId) {
+                                                                       const std::string& timeZoneId,
+                                                                       const PreReadTree* preRead) {
   LiveEngine engine(pricing, timeZoneId);
-  (void)engine.poll(root, now);
+  (void)engine.poll(root, now, nullptr, preRead);
   return engine.todayTokensByFamily_;
 }
 

@@ -26,8 +26,10 @@
 #include "daemon/exclusion_reason.h"
 #include "daemon/feed.h"
 #include "daemon/feed_windows.h"
+#include "daemon/live_line.h"
 #include "daemon/file_media_state.h"
 #include "daemon/persisted_state.h"
+#include "daemon/pre_read_tree.h"
 #include "daemon/session_live_state.h"
 #include "daemon/shutdown_signal_source.h"
 #include "daemon/window_scan.h"
@@ -109,19 +111,22 @@ class LiveEngine {
   // day; then reads the files in discovery order (a file that shrank is read
   // again from byte 0); then drops burns older than 32 days. A shutdown
   // request is honoured between files only. Returns the session ids of the
-  // files that yielded at least one whole line.
+  // files that yielded at least one whole line. A file read from byte 0
+  // whose lines `preRead` holds at its present size is folded from there
+  // rather than read again.
   std::set<std::string> poll(const std::string& root, InstantMs now,
-                             const ShutdownSignalSource* shutdownSignal = nullptr);
+                             const ShutdownSignalSource* shutdownSignal = nullptr,
+                             const PreReadTree* preRead = nullptr);
 
   // Routes one decoded line of `file` to the session and file records.
-  void process(const DaemonRawLine& line, const DaemonFile& file, InstantMs now);
+  void process(const LiveLine& line, const DaemonFile& file, InstantMs now);
 
   // Folds an assistant line: timestamps and model of the chat, today's
   // accumulator, burns, setup capture, pending images and the quota event.
-  void processAssistant(const DaemonRawLine& line, SessionLiveState& session, FileMediaState& media, InstantMs now);
+  void processAssistant(const LiveLine& line, SessionLiveState& session, FileMediaState& media, InstantMs now);
 
   // Counts the images of a user line into the file's image run.
-  void processUser(const DaemonRawLine& line, FileMediaState& media);
+  void processUser(const LiveLine& line, FileMediaState& media);
 
   // Drops the offsets, file records, sessions (with their `sessions_all`
   // rows) and subagent models of files that no longer exist. Request ids,
@@ -142,10 +147,9 @@ class LiveEngine {
 
   // Today's tokens by family from a fresh engine that reads the whole tree
   // once, with no saved state behind it.
-  [[nodiscard]] static std::map<std::string, int64_t> freshWindowedTokensByFamily(const std::string& root,
-                                                                                  const PricingTable& pricing,
-                                                                                  InstantMs now,
-                                                                                  const std::string& timeZoneId);
+  [[nodiscard]] static std::map<std::string, int64_t> freshWindowedTokensByFamily(
+      const std::string& root, const PricingTable& pricing, InstantMs now, const std::string& timeZoneId,
+      const PreReadTree* preRead = nullptr);
 
   // Persistence. The snapshot copies every saved field; restore replaces
   // them all and leaves `isDirty` as it was.
@@ -239,14 +243,15 @@ class LiveEngine {
   // Reads and folds the new lines of `file`, now `size` bytes long; true
   // when it yielded a line.
   using OffsetIterator = std::map<std::string, int64_t>::iterator;
-  bool readFile(const DaemonFile& file, int64_t size, InstantMs now, OffsetIterator& hint);
+  bool readFile(const DaemonFile& file, int64_t size, InstantMs now, OffsetIterator& hint,
+                const PreReadTree* preRead);
   void pruneBurns(InstantMs now);
   void recordExclusion(ExclusionReason reason, double dollars);
   void foldRequest(const std::optional<std::string>& requestId, double cost, const TurnUsage& usage,
                    InstantMs ts, bool countsForToday, const std::optional<std::string>& family,
                    FileMediaState& media);
   void addBurn(InstantMs ts, double cost, int64_t tokens, const std::optional<std::string>& family);
-  void noteQuotaEvent(const DaemonRawLine& line);
+  void noteQuotaEvent(const LiveLine& line);
   // Works out the reset instant whenever the quota fields change, rather
   // than parsing the phrase in a named zone at every snapshot.
   void resolveQuotaReset();
@@ -260,6 +265,8 @@ class LiveEngine {
   PricingTable pricing_;
   std::string timeZoneId_;
   DaemonLineDecoder decoder_;
+  DaemonRawLine rawLine_;
+  StringArena lineStrings_{4096};  // the strings of the line being folded
 
   // Reading.
   std::unique_ptr<FileSizeSource> fileSizes_ = makeStatFileSizes();

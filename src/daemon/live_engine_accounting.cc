@@ -23,16 +23,16 @@ int64_t tokenTotal(const TurnUsage& u) { return CostMath::context(u) + u.output;
 
 }  // namespace
 
-void LiveEngine::processAssistant(const DaemonRawLine& line, SessionLiveState& session, FileMediaState& media,
+void LiveEngine::processAssistant(const LiveLine& line, SessionLiveState& session, FileMediaState& media,
                                   InstantMs now) {
-  const std::string_view model = daemonModel(line);
-  const TurnUsage usage = daemonTurnUsage(line);
+  const std::string_view model = line.model;
+  const TurnUsage usage = line.usage;
   const PricingRate rate = resolveRate(model, pricing_).rate;
   const double cost = CostMath::totalCost(usage, rate);
   const int64_t context = CostMath::context(usage);
   const int64_t total = tokenTotal(usage);
 
-  std::optional<InstantMs> ts = line.timestamp ? ISO8601::parse(*line.timestamp) : std::nullopt;
+  const std::optional<InstantMs> ts = line.instant;
   if (!ts) {
     // An undated line cannot be placed in any day: its dollars are tallied
     // and the open request is left as it was.
@@ -51,7 +51,7 @@ void LiveEngine::processAssistant(const DaemonRawLine& line, SessionLiveState& s
     const bool countsForToday = todayBoundary_ && *ts >= *todayBoundary_ && *ts < now;
     const std::optional<std::string> family = TodayShare::modelFamily(model);
     std::optional<std::string> requestId;
-    if (line.requestId && !line.requestId->empty()) requestId = std::string(*line.requestId);
+    if (!line.requestId.empty()) requestId = std::string(line.requestId);
     if (total != 0) session.considerForSetupTax(*ts, requestId, model, usage);
     foldRequest(requestId, cost, usage, *ts, countsForToday, family, media);
   }
@@ -148,29 +148,20 @@ void LiveEngine::addBurn(InstantMs ts, double cost, int64_t tokens, const std::o
   recentBurns_.push_back({ts, cost, family == "fable", tokens});
 }
 
-void LiveEngine::noteQuotaEvent(const DaemonRawLine& line) {
-  if (line.isApiErrorMessage != true) return;
-  std::string joined = joinedBlockText(line);
-  if (!CaseFolding::contains(joined, "session limit") || !line.timestamp) return;
+void LiveEngine::noteQuotaEvent(const LiveLine& line) {
+  if (!line.isApiErrorMessage) return;
+  if (!CaseFolding::contains(line.errorText, "session limit") || !line.timestampText) return;
   // Timestamps are compared as text, as written.
-  std::string ts(*line.timestamp);
+  std::string ts(*line.timestampText);
   if (quotaLastEventAt_ && !(*quotaLastEventAt_ < ts)) return;
   quotaLastEventAt_ = std::move(ts);
-  quotaResetsNote_ = extractResetsPhrase(joined);
+  quotaResetsNote_ = extractResetsPhrase(line.errorText);
   resolveQuotaReset();
 }
 
-void LiveEngine::processUser(const DaemonRawLine& line, FileMediaState& media) {
-  int64_t images = 0;
-  int64_t estimate = 0;
-  if (line.message && line.message->content) {
-    for (const auto& block : *line.message->content) {
-      if (block.type != "image") continue;
-      ++images;
-      // Base64 text runs about four characters to a token.
-      if (block.source && block.source->data) estimate += text::characterCount(*block.source->data) / 4;
-    }
-  }
+void LiveEngine::processUser(const LiveLine& line, FileMediaState& media) {
+  const int64_t images = line.imageCount;
+  const int64_t estimate = line.imageTokens;
   if (images == 0) {
     media.nonImageStreak += 1;
     return;
@@ -184,7 +175,7 @@ void LiveEngine::processUser(const DaemonRawLine& line, FileMediaState& media) {
   media.pendingImageTokens += estimate;
   media.pendingImageCount += images;
   media.nonImageStreak = 0;
-  media.runLastImageAt = line.timestamp ? ISO8601::parse(*line.timestamp) : std::nullopt;
+  media.runLastImageAt = line.instant;
 }
 
 }  // namespace ostler

@@ -31,25 +31,29 @@ MeterOptions todayOptions(const std::string& root, const PricingTable& pricing, 
 }
 
 MeterPair lifetimeAndToday(const std::string& root, const PricingTable& pricing, InstantMs boundary, InstantMs now,
-                           const ProgressCallback& onProgress) {
+                           const ProgressCallback& onProgress, const ReadingOptions& reading) {
   MeterOptions lifetime;
   lifetime.root = root;
   lifetime.pricing = pricing;
-  std::vector<MeterRun> runs = MeterEngine::runAll({lifetime, todayOptions(root, pricing, boundary, now)}, onProgress);
+  std::vector<MeterRun> runs = MeterEngine::runAll({lifetime, todayOptions(root, pricing, boundary, now)}, onProgress,
+                                                   systemClock(), reading);
   return {std::move(runs[0].receipt), std::move(runs[1].receipt)};
 }
 
+ReadingOptions readOnce(PreReadTree& preRead) { return {kKeptDigestBytes, &preRead}; }
+
 Bundle compute(const std::string& root, const PricingTable& pricing, InstantMs boundary, InstantMs now,
                bool computeWindowedTokensByFamily, const std::string& timeZoneId) {
-  MeterPair receipts;
+  PreReadTree preRead(kPreReadBytes);
+  MeterPair receipts = lifetimeAndToday(root, pricing, boundary, now, nullptr, readOnce(preRead));
   WindowScan::Walls walls;
   std::optional<std::map<std::string, int64_t>> tokens;
   std::vector<std::function<void()>> jobs = {
-      [&] { receipts = lifetimeAndToday(root, pricing, boundary, now); },
-      [&] { walls = WindowScan::walls(WindowScan::scan(root, pricing)); },
+      [&] { walls = WindowScan::walls(WindowScan::scan(root, pricing, &preRead)); },
   };
   if (computeWindowedTokensByFamily)
-    jobs.push_back([&] { tokens = LiveEngine::freshWindowedTokensByFamily(root, pricing, now, timeZoneId); });
+    jobs.push_back(
+        [&] { tokens = LiveEngine::freshWindowedTokensByFamily(root, pricing, now, timeZoneId, &preRead); });
   {
     ParallelJobs running(std::move(jobs));
     running.wait();

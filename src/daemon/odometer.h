@@ -11,7 +11,9 @@
 #include <string>
 
 #include "daemon/feed.h"
+#include "daemon/pre_read_tree.h"
 #include "daemon/window_scan.h"
+#include "meter/meter_engine.h"
 #include "meter/meter_options.h"
 #include "meter/receipt.h"
 
@@ -43,12 +45,25 @@ struct MeterPair {
 // passes differ only in their bounds, so each file is read and decoded once
 // for both. `onProgress` follows the lifetime pass.
 [[nodiscard]] MeterPair lifetimeAndToday(const std::string& root, const PricingTable& pricing, InstantMs boundary,
-                                         InstantMs now, const ProgressCallback& onProgress = nullptr);
+                                         InstantMs now, const ProgressCallback& onProgress = nullptr,
+                                         const ReadingOptions& reading = {});
 
-// Runs the lifetime pass, today's pass, the window scan and, with
-// `computeWindowedTokensByFamily`, a throw-away engine's read of today's
-// tokens (in the zone `timeZoneId`), all at once, and blocks until they are
-// done. `boundary` is the start of the local day of `now`. Cannot fail.
+// The heavy pass reads the tree once for everything: the meter keeps its
+// digests for its second pass, and the lines the window scan and the live
+// engine need are gathered from the same parse. These bound what is held;
+// a larger tree reads the rest from disk again, as a small machine would.
+// On a 500 MB tree the digests take about 60 MB and the gathered lines 30 MB.
+inline constexpr size_t kKeptDigestBytes = size_t{256} << 20;
+inline constexpr size_t kPreReadBytes = size_t{128} << 20;
+
+// The reading options of the heavy pass, gathering into `preRead`.
+[[nodiscard]] ReadingOptions readOnce(PreReadTree& preRead);
+
+// Runs the lifetime pass and today's pass on one reading that also gathers
+// the lines of the window scan and, with `computeWindowedTokensByFamily`, of
+// a throw-away engine's read of today's tokens (in the zone `timeZoneId`);
+// then those two from the gathered lines. Blocks until all is done.
+// `boundary` is the start of the local day of `now`. Cannot fail.
 [[nodiscard]] Bundle compute(const std::string& root, const PricingTable& pricing, InstantMs boundary,
                              InstantMs now, bool computeWindowedTokensByFamily, const std::string& timeZoneId);
 

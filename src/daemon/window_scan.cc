@@ -1,5 +1,7 @@
 #include "daemon/window_scan.h"
 
+#include <sys/stat.h>
+
 #include <cmath>
 #include <unordered_set>
 
@@ -7,6 +9,8 @@
 #include "daemon/daemon_raw_line.h"
 #include "daemon/json_fields.h"
 #include "daemon/limit_event_clustering.h"
+#include "daemon/live_line.h"
+#include "daemon/pre_read_tree.h"
 #include "daemon/reset_phrase_parser.h"
 #include "daemon/resets_phrase.h"
 #include "daemon/session_discovery.h"
@@ -121,29 +125,43 @@ const ShapeFacts& Walls::of(WindowShape shape) const {
   return session;
 }
 
-Result scan(const std::string& root, const PricingTable& pricing) {
+Result scan(const std::string& root, const PricingTable& pricing, const PreReadTree* preRead) {
   Result result;
   std::unordered_set<std::string> seen;
   DaemonLineDecoder decoder;
-  DaemonRawLine line;
+  DaemonRawLine raw;
+  StringArena strings(4096);
+  auto add = [&](const LiveLine& line, FileFold& fold) {
+    if (line.type != LiveLine::Type::kAssistant || !line.instant) return;
+    if (line.isApiErrorMessage) {
+      bool session = CaseFolding::contains(line.errorText, "session limit");
+      bool weekly = CaseFolding::contains(line.errorText, "weekly");
+      if (session || weekly)
+        result.limitEvents.push_back({*line.instant, session, weekly, extractResetsPhrase(line.errorText)});
+    }
+    fold.add(line.requestId, *line.instant, line.model, line.usage);
+  };
   for (const DaemonFile& file : SessionDiscovery::discoverFiles(root)) {
+    FileFold fold(pricing, seen, result.events);
+    if (preRead != nullptr) {
+      struct stat st;
+      if (::stat(file.path.c_str(), &st) == 0) {
+        if (auto served = preRead->serve(file.path, st.st_size)) {
+          for (const PreReadTree::Line* line : served->lines)
+            if (line->decoded) add(line->line, fold);
+          fold.flush();
+          continue;
+        }
+      }
+    }
     auto reader = TailReader::open(file.path, 0);
     if (!reader) continue;
-    FileFold fold(pricing, seen, result.events);
-    while (auto raw = reader->nextLine()) {
-      std::string_view trimmed = text::trimSpacesAndTabs(*raw);
+    while (auto text = reader->nextLine()) {
+      std::string_view trimmed = text::trimSpacesAndTabs(*text);
       // Only assistant lines count; the others need no decoding.
-      if (trimmed.empty() || !mayBeAssistantLine(trimmed) || !decoder.decode(trimmed, true, &line)) continue;
-      if (line.type != "assistant" || !line.timestamp) continue;
-      auto ts = ISO8601::parse(*line.timestamp);
-      if (!ts) continue;
-      if (line.isApiErrorMessage == true) {
-        std::string joined = joinedBlockText(line);
-        bool session = CaseFolding::contains(joined, "session limit");
-        bool weekly = CaseFolding::contains(joined, "weekly");
-        if (session || weekly) result.limitEvents.push_back({*ts, session, weekly, extractResetsPhrase(joined)});
-      }
-      fold.add(line.requestId.value_or(std::string_view{}), *ts, daemonModel(line), daemonTurnUsage(line));
+      if (trimmed.empty() || !mayBeAssistantLine(trimmed) || !decoder.decode(trimmed, true, &raw)) continue;
+      strings.clear();
+      add(digestLiveLine(raw, strings), fold);
     }
     fold.flush();
   }

@@ -16,6 +16,10 @@
 #include "daemon/window_shape.h"
 #include "meter/pricing.h"
 
+namespace ostler {
+class PreReadTree;
+}
+
 namespace ostler::WindowScan {
 
 // One limit message: an assistant line marked as an API error whose text
@@ -57,8 +61,10 @@ struct Walls {
 // order, with one set of seen request ids across files: a request repeated
 // in a later file is priced once, from its first copy. Lines of one request
 // make one event at the request's last line. Never fails: bad lines and
-// unreadable files add nothing.
-[[nodiscard]] Result scan(const std::string& root, const PricingTable& pricing);
+// unreadable files add nothing. Files that `preRead` holds at their present
+// size are taken from there.
+[[nodiscard]] Result scan(const std::string& root, const PricingTable& pricing,
+                          const PreReadTree* preRead = nullptr);
 
 // The facts of each window: limit messages are clustered (a burst within 120
 // seconds is one cut-off), each cut-off measures the window's burn up to it,

@@ -1,0 +1,72 @@
+// A transcript tree's lines as the live engine and the window scan read
+// them, gathered from the meter's reading at start, so that the heavy pass
+// before the first feed reads and parses the tree once instead of three
+// times. A file is served from here only while its size is still the one
+// read; anything else is read from disk as usual.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "daemon/live_line.h"
+#include "meter/meter_engine.h"
+
+namespace ostler {
+
+class PreReadTree final : public LineTap {
+ public:
+  struct Line {
+    LiveLine line;
+    bool decoded = false;  // false: the line failed to decode
+    bool whole = false;    // ends in a line feed
+  };
+
+  // The lines a reader gathered from one slice of a file.
+  class SliceLines final : public LineTap::Slice {
+   public:
+    void line(uint64_t begin, uint64_t end, bool terminated, std::string_view trimmed,
+              const simdjson::dom::object* root) override;
+
+   private:
+    friend class PreReadTree;
+    DaemonRawLine raw_;
+    StringArena strings_{4096};
+    std::vector<Line> lines_;
+    uint64_t wholeLinesEnd_ = 0;
+    bool tooLong_ = false;
+    bool folderNamed_ = false;  // a line's folder named the project: later folders cannot matter
+  };
+
+  // Gathers at most about `maxBytes`; files past that are left to disk.
+  explicit PreReadTree(size_t maxBytes) : maxBytes_(maxBytes) {}
+
+  std::unique_ptr<LineTap::Slice> openSlice() const override;
+  void take(const std::string& path, uint64_t readEnd, std::unique_ptr<LineTap::Slice> slice) override;
+
+  // The file's non-blank whole lines, in order, with where they end: the
+  // reading from byte 0 that a tail reader would give. Nothing when the file
+  // was not gathered whole or its size is no longer `size`.
+  struct Served {
+    std::vector<const Line*> lines;
+    uint64_t wholeLinesEnd = 0;  // just past the last line feed
+  };
+  [[nodiscard]] std::optional<Served> serve(const std::string& path, int64_t size) const;
+
+  [[nodiscard]] size_t bytes() const { return bytes_; }
+
+ private:
+  struct File {
+    std::vector<std::unique_ptr<SliceLines>> slices;
+    uint64_t readEnd = 0;
+    bool usable = true;
+  };
+
+  size_t maxBytes_;
+  size_t bytes_ = 0;
+  std::unordered_map<std::string, File> files_;
+};
+
+}  // namespace ostler

@@ -1,0 +1,102 @@
+// The heavy pass folds the lines the meter gathered instead of reading the
+// tree again; what comes out must be exactly what reading it again gives.
+#include "daemon/pre_read_tree.h"
+
+#include <gtest/gtest.h>
+
+#include "daemon/line_builder.h"
+#include "daemon/live_engine.h"
+#include "daemon/odometer.h"
+#include "daemon/window_scan.h"
+#include "support/test_support.h"
+
+namespace ostler {
+namespace {
+
+using testing::appendFile;
+using testing::jsonl;
+using testing::TempDir;
+
+struct Reading {
+  PersistedState state;
+  std::optional<FeedDiagnosticsExclusions> exclusions;
+  WindowScan::Result scan;
+  std::map<std::string, int64_t> freshTokens;
+};
+
+Reading readTree(const std::string& root, InstantMs now, const PreReadTree* preRead) {
+  const PricingTable& pricing = PricingTable::defaultTable();
+  LiveEngine engine(pricing, "Europe/Berlin");
+  (void)engine.poll(root, now, nullptr, preRead);
+  return {engine.snapshotForPersistence(root), engine.exclusionsSnapshot(), WindowScan::scan(root, pricing, preRead),
+          LiveEngine::freshWindowedTokensByFamily(root, pricing, now, "Europe/Berlin", preRead)};
+}
+
+void expectSameReading(const Reading& gathered, const Reading& read) {
+  EXPECT_EQ(gathered.state, read.state);
+  EXPECT_EQ(gathered.exclusions, read.exclusions);
+  EXPECT_EQ(gathered.scan.events, read.scan.events);
+  EXPECT_EQ(gathered.scan.limitEvents, read.scan.limitEvents);
+  EXPECT_EQ(gathered.freshTokens, read.freshTokens);
+}
+
+std::string firstFile(const std::string& root) {
+  for (const auto& e : std::filesystem::recursive_directory_iterator(root))
+    if (e.path().extension() == ".jsonl" && e.path().string().find("subagents") == std::string::npos)
+      return e.path().string();
+  return {};
+}
+
+TEST(PreReadTreeTest, FoldingGatheredLinesEqualsReadingTheTree) {
+  TempDir dir;
+  const std::string root = (dir.path() / "projects").string();
+  if (!testing::generateTree(root, {"--today", "--seed", "23", "--sessions", "24", "--resume-rate", "0.3",
+                                    "--subagent-rate", "0.4", "--bad-rate", "0.03", "--image-rate", "0.2"}))
+    GTEST_SKIP() << "transcript generator not available";
+  // What the generator does not write: limit messages, typed names behind
+  // blank lines and a torn last line, which must stay unread.
+  const std::string file = firstFile(root);
+  ASSERT_FALSE(file.empty());
+  appendFile(file, jsonl({testing::limitLine("2026-03-10T10:00:00.000Z",
+                                             "Claude AI usage limit reached: session limit. resets 3pm (UTC)"),
+                          "   ", testing::userTextLine("  name\tthis   chat  "),
+                          testing::limitLine("2026-03-10T11:00:00.000Z", "weekly limit reached")}) +
+                        R"({"type":"assistant","requestId":"torn")");
+  const InstantMs now = systemClock().nowMs();
+
+  PreReadTree preRead(Odometer::kPreReadBytes);
+  (void)Odometer::lifetimeAndToday(root, PricingTable::defaultTable(), now - 86'400'000, now, nullptr,
+                                   Odometer::readOnce(preRead));
+  ASSERT_TRUE(preRead.serve(file, static_cast<int64_t>(std::filesystem::file_size(file))));
+  const Reading read = readTree(root, now, nullptr);
+  EXPECT_FALSE(read.scan.limitEvents.empty());
+  expectSameReading(readTree(root, now, &preRead), read);
+
+  // A file that grew since it was gathered is read from disk, whole.
+  appendFile(file, "\n" + testing::turnLine("2026-03-10T12:00:00.000Z", "req-late", {.input = 5, .output = 9}) + "\n");
+  EXPECT_FALSE(preRead.serve(file, static_cast<int64_t>(std::filesystem::file_size(file))));
+  expectSameReading(readTree(root, now, &preRead), readTree(root, now, nullptr));
+}
+
+TEST(PreReadTreeTest, FilesPastTheBudgetAreLeftToDisk) {
+  TempDir dir;
+  const std::string root = (dir.path() / "projects").string();
+  if (!testing::generateTree(root, {"--seed", "4", "--sessions", "12"}))
+    GTEST_SKIP() << "transcript generator not available";
+  const InstantMs now = systemClock().nowMs();
+  PreReadTree preRead(64 * 1024);
+  (void)Odometer::lifetimeAndToday(root, PricingTable::defaultTable(), now - 86'400'000, now, nullptr,
+                                   Odometer::readOnce(preRead));
+  EXPECT_LE(preRead.bytes(), 64u * 1024);
+  size_t served = 0, files = 0;
+  for (const auto& e : std::filesystem::recursive_directory_iterator(root)) {
+    if (e.path().extension() != ".jsonl") continue;
+    ++files;
+    if (preRead.serve(e.path().string(), static_cast<int64_t>(e.file_size()))) ++served;
+  }
+  EXPECT_LT(served, files);
+  expectSameReading(readTree(root, now, &preRead), readTree(root, now, nullptr));
+}
+
+}  // namespace
+}  // namespace ostler
