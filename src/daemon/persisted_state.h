@@ -4,13 +4,12 @@
 // cache: nothing else reads it, it may vanish at any time, and losing it,
 // or finding it of another version or for another root, costs a cold start.
 //
-// One JSON object, compact. Instants are seconds since 2001-01-01 00:00:00
-// UTC as numbers.
+// One JSON object, compact (see persisted_state_codec.h). Instants are
+// seconds since 2001-01-01 00:00:00 UTC as numbers.
 #pragma once
 
 #include <cstdint>
 #include <map>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -46,11 +45,6 @@ struct PersistedState {
 
   friend bool operator==(const PersistedState&, const PersistedState&) = default;
 };
-
-// Every key is written; optional ones only when set. The fromJson form throws
-// JsonFields::DecodeError when a required key is missing or mistyped.
-[[nodiscard]] nlohmann::json toJson(const PersistedState& s);
-[[nodiscard]] PersistedState persistedStateFromJson(const nlohmann::json& j);
 
 namespace PersistedStateIO {
 
