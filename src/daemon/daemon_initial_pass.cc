@@ -61,12 +61,13 @@ std::optional<InitialPassResult> initialPass(LiveEngine& engine, const DaemonOpt
     };
   };
 
-  // First the meter reads the tree, once, for both receipts, and gathers on
-  // the way the lines the engine and the scan read; the saved state loads
-  // beside it. Then the engine and the scan fold those lines, files that
-  // changed since excepted, which they read themselves.
+  // The meter reads the tree once, for both receipts, and gathers on the
+  // way the lines the engine and the scan read; the saved state loads
+  // beside it. The engine and the scan fold those lines (files changed
+  // since excepted, which they read themselves) while the meter folds its
+  // second pass.
   PreReadTree preRead(Odometer::kPreReadBytes);
-  bool stopped = runJobs(
+  const bool stopped = runJobs(
       {
           // Both receipts come from one reading of the tree, so the two
           // timings are the same figure.
@@ -74,30 +75,29 @@ std::optional<InitialPassResult> initialPass(LiveEngine& engine, const DaemonOpt
                 [&] {
                   auto receipts = Odometer::lifetimeAndToday(options.root, options.pricing, boundary, now, onProgress,
                                                              Odometer::readOnce(preRead));
+                  preRead.readingDone();
                   lifetime = std::move(receipts.lifetime);
                   today = std::move(receipts.today);
                 }),
           [&] {
             if (prepareEngine) prepareEngine(engine);
             coldStart = neverPolled(engine);
+            preRead.waitUntilRead();
+            const double start = clock.monotonicSeconds();
+            (void)engine.poll(options.root, now, shutdownSignal, &preRead);
+            result.accumulatorSnapshot = engine.todayAccumulatorSnapshot();
+            if (coldStart) tokens = engine.todayTokensByFamily();
+            result.liveSeconds = clock.monotonicSeconds() - start;
+          },
+          [&] {
+            preRead.waitUntilRead();
+            const double start = clock.monotonicSeconds();
+            walls = WindowScan::walls(WindowScan::scan(options.root, options.pricing, &preRead));
+            result.windowScanSeconds = clock.monotonicSeconds() - start;
           },
       },
       shutdownSignal);
   result.todayWindowedSeconds = result.lifetimeSeconds;
-  if (stopped) return std::nullopt;
-
-  stopped = runJobs(
-      {
-          timed(&result.liveSeconds,
-                [&] {
-                  (void)engine.poll(options.root, now, shutdownSignal, &preRead);
-                  result.accumulatorSnapshot = engine.todayAccumulatorSnapshot();
-                  if (coldStart) tokens = engine.todayTokensByFamily();
-                }),
-          timed(&result.windowScanSeconds,
-                [&] { walls = WindowScan::walls(WindowScan::scan(options.root, options.pricing, &preRead)); }),
-      },
-      shutdownSignal);
   if (stopped) return std::nullopt;
 
   // The fresh family count only ever reaches the feed when today's check

@@ -44,16 +44,27 @@ ReadingOptions readOnce(PreReadTree& preRead) { return {kKeptDigestBytes, &preRe
 
 Bundle compute(const std::string& root, const PricingTable& pricing, InstantMs boundary, InstantMs now,
                bool computeWindowedTokensByFamily, const std::string& timeZoneId) {
+  // The scan and the fresh count fold the lines the meter gathers, while
+  // the meter folds its second pass.
   PreReadTree preRead(kPreReadBytes);
-  MeterPair receipts = lifetimeAndToday(root, pricing, boundary, now, nullptr, readOnce(preRead));
+  MeterPair receipts;
   WindowScan::Walls walls;
   std::optional<std::map<std::string, int64_t>> tokens;
   std::vector<std::function<void()>> jobs = {
-      [&] { walls = WindowScan::walls(WindowScan::scan(root, pricing, &preRead)); },
+      [&] {
+        receipts = lifetimeAndToday(root, pricing, boundary, now, nullptr, readOnce(preRead));
+        preRead.readingDone();
+      },
+      [&] {
+        preRead.waitUntilRead();
+        walls = WindowScan::walls(WindowScan::scan(root, pricing, &preRead));
+      },
   };
   if (computeWindowedTokensByFamily)
-    jobs.push_back(
-        [&] { tokens = LiveEngine::freshWindowedTokensByFamily(root, pricing, now, timeZoneId, &preRead); });
+    jobs.push_back([&] {
+      preRead.waitUntilRead();
+      tokens = LiveEngine::freshWindowedTokensByFamily(root, pricing, now, timeZoneId, &preRead);
+    });
   {
     ParallelJobs running(std::move(jobs));
     running.wait();

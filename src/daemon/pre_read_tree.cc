@@ -45,6 +45,19 @@ void PreReadTree::take(const std::string& path, uint64_t readEnd, std::unique_pt
   file.slices.emplace_back(static_cast<SliceLines*>(slice.release()));
 }
 
+void PreReadTree::readingDone() {
+  {
+    std::lock_guard lock(mutex_);
+    read_ = true;
+  }
+  readCondition_.notify_all();
+}
+
+void PreReadTree::waitUntilRead() const {
+  std::unique_lock lock(mutex_);
+  readCondition_.wait(lock, [this] { return read_; });
+}
+
 std::optional<PreReadTree::Served> PreReadTree::serve(const std::string& path, int64_t size) const {
   auto it = files_.find(path);
   if (it == files_.end() || !it->second.usable || size < 0 || it->second.readEnd != static_cast<uint64_t>(size))

@@ -5,8 +5,10 @@
 // read; anything else is read from disk as usual.
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -45,6 +47,12 @@ class PreReadTree final : public LineTap {
 
   std::unique_ptr<LineTap::Slice> openSlice() const override;
   void take(const std::string& path, uint64_t readEnd, std::unique_ptr<LineTap::Slice> slice) override;
+  void readingDone() override;
+
+  // Blocks until the reading is done; `serve` may be called from then on,
+  // from any thread. The gathering side calls readingDone at the latest when
+  // its run ends, so that a run that never read does not leave waiters.
+  void waitUntilRead() const;
 
   // The file's non-blank whole lines, in order, with where they end: the
   // reading from byte 0 that a tail reader would give. Nothing when the file
@@ -67,6 +75,9 @@ class PreReadTree final : public LineTap {
   size_t maxBytes_;
   size_t bytes_ = 0;
   std::unordered_map<std::string, File> files_;
+  mutable std::mutex mutex_;
+  mutable std::condition_variable readCondition_;
+  bool read_ = false;
 };
 
 }  // namespace ostler

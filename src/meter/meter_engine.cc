@@ -347,6 +347,7 @@ std::vector<std::optional<FileDigest>> readPassOneOnce(const Plan& plan, std::ve
     if (onProgress && throttle.shouldReport(filesOpened == totalFiles)) onProgress({filesOpened, totalFiles, 0});
   }
   for (auto& c : counts) c.finish();
+  if (reading.tap != nullptr) reading.tap->readingDone();
   return kept;
 }
 

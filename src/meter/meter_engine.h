@@ -95,6 +95,9 @@ class LineTap {
   // the meter's order. `readEnd` is where the slice's reading stopped (the
   // file's end for its last slice). Files that cannot be opened never come.
   virtual void take(const std::string& path, uint64_t readEnd, std::unique_ptr<Slice> slice) = 0;
+  // Called on the meter's calling thread once every slice is taken, before
+  // pass two: the tap's lines may be used from here on, beside pass two.
+  virtual void readingDone() {}
 };
 
 // How a run reads the tree. The default reads every file twice and holds
