@@ -33,13 +33,6 @@ Result<int64_t> write(const std::string& path, std::string_view bytes) {
   int fd = ::mkstemp(temp.data());
   if (fd < 0) return systemError("cannot create a temporary file for", path);
   bool ok = writeAll(fd, bytes);
-  if (ok) {
-    int rc;
-    do {
-      rc = ::fsync(fd);
-    } while (rc != 0 && errno == EINTR);
-    ok = rc == 0;
-  }
   Error failure = ok ? Error{} : systemError("cannot write", temp);
   if (::close(fd) != 0 && ok) {
     ok = false;

@@ -1,7 +1,12 @@
 // Writing a file that another reader may open at any moment: the bytes go
-// to a temporary file in the same directory, are flushed to disk, and the
-// temporary file is renamed over the target, so a reader sees the old file
-// or the new one, never a torn one.
+// to a temporary file in the same directory, which is renamed over the
+// target, so a reader sees the old file or the new one, never a torn one.
+//
+// The bytes are not forced to disk first. What is written this way is
+// rewritten every second (the feed) or is a cache that may be lost (the
+// engine's state), and a flush of megabytes costs a tenth of a second on an
+// ordinary disk; a machine that crashes at worst leaves a file that fails to
+// decode, which every reader takes as absent.
 #pragma once
 
 #include <cstdint>
