@@ -56,9 +56,6 @@ int runForever(const DaemonOptions& options, const ShutdownSignalSource& shutdow
     return 0;
   }
 
-  // The pass read the whole tree several times at once; what it freed is
-  // of no use to the ticks.
-  releaseFreedMemory();
   const InstantMs finishedAt = services.clock.nowMs();
   FeedDiagnosticsEquality check =
       TodayEqualityCheck::check(pass->accumulatorSnapshot.spentUSD, pass->accumulatorSnapshot.turns,
@@ -78,6 +75,9 @@ int runForever(const DaemonOptions& options, const ShutdownSignalSource& shutdow
   // The first feed exists only once the whole initial pass is done.
   writeFeed(writer, *state, assembleFeed(engine, *bundle, finishedAt, options, check, {}, services),
             finishedAt);
+  // The pass held a large part of the tree in memory; what it freed is of
+  // no use to the ticks. Returned after the first feed, which need not wait.
+  releaseFreedMemory();
 
   auto isShutdownRequested = [&shutdownSignal] { return shutdownSignal.isRequested(); };
   for (;;) {
