@@ -89,13 +89,14 @@ bool LiveEngine::readFile(const DaemonFile& file, int64_t size, InstantMs now, O
   if (start == storedOffset && lastSize != sizeAtLastRead_.end() && lastSize->second == size) return false;
   bool yielded = false;
   int64_t offset = start;
+  FileRecords records;
   auto served = start == 0 && preRead != nullptr ? preRead->serve(file.path, size) : std::nullopt;
   if (served) {
     yielded = served->wholeLinesEnd > 0;
     for (const PreReadTree::Line* line : served->lines) {
       ++newLinesSeen_;
       if (line->decoded) {
-        process(line->line, file, now);
+        process(line->line, file, now, records);
       } else {
         ++newLinesSkipped_;
         recordExclusion(ExclusionReason::kParseSkip, 0);
@@ -119,7 +120,7 @@ bool LiveEngine::readFile(const DaemonFile& file, int64_t size, InstantMs now, O
       ++newLinesSeen_;
       if (decoder_.decode(trimmed, true, &rawLine_)) {
         lineStrings_.clear();
-        process(digestLiveLine(rawLine_, lineStrings_), file, now);
+        process(digestLiveLine(rawLine_, lineStrings_), file, now, records);
       } else {
         ++newLinesSkipped_;
         recordExclusion(ExclusionReason::kParseSkip, 0);
@@ -137,16 +138,18 @@ bool LiveEngine::readFile(const DaemonFile& file, int64_t size, InstantMs now, O
   return yielded;
 }
 
-void LiveEngine::process(const LiveLine& line, const DaemonFile& file, InstantMs now) {
-  auto [sit, newSession] = sessionState_.try_emplace(file.sessionId);
-  SessionLiveState& session = sit->second;
-  if (newSession) session.projectDirPath = file.projectDirPath;
+void LiveEngine::process(const LiveLine& line, const DaemonFile& file, InstantMs now, FileRecords& records) {
+  if (records.session == nullptr) {
+    auto [sit, newSession] = sessionState_.try_emplace(file.sessionId);
+    if (newSession) sit->second.projectDirPath = file.projectDirPath;
+    auto [mit, newFile] = fileMediaState_.try_emplace(file.path);
+    if (newFile) mit->second.sessionId = file.sessionId;
+    records = {&sit->second, &mit->second};
+  }
+  SessionLiveState& session = *records.session;
+  FileMediaState& media = *records.media;
   // The first cwd seen in any file of the chat names its project for good.
   if (session.project.empty() && !line.cwd.empty()) session.project = std::string(text::lastPathComponent(line.cwd));
-
-  auto [mit, newFile] = fileMediaState_.try_emplace(file.path);
-  FileMediaState& media = mit->second;
-  if (newFile) media.sessionId = file.sessionId;
 
   switch (line.type) {
     case LiveLine::Type::kAssistant:

@@ -118,8 +118,16 @@ class LiveEngine {
                              const ShutdownSignalSource* shutdownSignal = nullptr,
                              const PreReadTree* preRead = nullptr);
 
+  // The session and file records of the file being read, found (or made)
+  // at its first decoded line and kept for the rest: map entries do not
+  // move.
+  struct FileRecords {
+    SessionLiveState* session = nullptr;
+    FileMediaState* media = nullptr;
+  };
+
   // Routes one decoded line of `file` to the session and file records.
-  void process(const LiveLine& line, const DaemonFile& file, InstantMs now);
+  void process(const LiveLine& line, const DaemonFile& file, InstantMs now, FileRecords& records);
 
   // Folds an assistant line: timestamps and model of the chat, today's
   // accumulator, burns, setup capture, pending images and the quota event.
