@@ -275,6 +275,10 @@ class LiveEngine {
   DaemonLineDecoder decoder_;
   DaemonRawLine rawLine_;
   StringArena lineStrings_{4096};  // the strings of the line being folded
+  std::optional<std::string> requestIdScratch_;
+  std::optional<std::string> pricedModel_;  // the model last priced, with its rate and family
+  PricingRate pricedRate_;
+  std::optional<std::string> pricedFamily_;
 
   // Reading.
   std::unique_ptr<FileSizeSource> fileSizes_ = makeStatFileSizes();

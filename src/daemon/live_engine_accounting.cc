@@ -27,7 +27,13 @@ void LiveEngine::processAssistant(const LiveLine& line, SessionLiveState& sessio
                                   InstantMs now) {
   const std::string_view model = line.model;
   const TurnUsage usage = line.usage;
-  const PricingRate rate = resolveRate(model, pricing_).rate;
+  // Lines of one chat keep to one model for long runs: it is priced once.
+  if (!pricedModel_ || *pricedModel_ != model) {
+    pricedModel_.emplace(model);
+    pricedRate_ = resolveRate(model, pricing_).rate;
+    pricedFamily_ = TodayShare::modelFamily(model);
+  }
+  const PricingRate rate = pricedRate_;
   const double cost = CostMath::totalCost(usage, rate);
   const int64_t context = CostMath::context(usage);
   const int64_t total = tokenTotal(usage);
@@ -41,7 +47,7 @@ void LiveEngine::processAssistant(const LiveLine& line, SessionLiveState& sessio
     if (!session.lastActivity || *ts >= *session.lastActivity) session.lastActivity = ts;
     if (total != 0 && (!session.contextTurnAt || *ts >= *session.contextTurnAt)) {
       session.contextTurnAt = ts;
-      session.lastModel = std::string(model);
+      session.lastModel.assign(model);
       session.lastContextTokens = context;
     }
     if (usage.cache5m + usage.cache1h > 0 && (!session.lastCacheWriteAt || *ts >= *session.lastCacheWriteAt)) {
@@ -49,9 +55,15 @@ void LiveEngine::processAssistant(const LiveLine& line, SessionLiveState& sessio
       session.lastCacheWriteWasEphemeral1h = usage.cache1h > 0;
     }
     const bool countsForToday = todayBoundary_ && *ts >= *todayBoundary_ && *ts < now;
-    const std::optional<std::string> family = TodayShare::modelFamily(model);
-    std::optional<std::string> requestId;
-    if (!line.requestId.empty()) requestId = std::string(line.requestId);
+    const std::optional<std::string>& family = pricedFamily_;
+    // Kept from line to line, so that its buffer serves again.
+    std::optional<std::string>& requestId = requestIdScratch_;
+    if (line.requestId.empty())
+      requestId.reset();
+    else if (requestId)
+      requestId->assign(line.requestId);
+    else
+      requestId.emplace(line.requestId);
     if (total != 0) session.considerForSetupTax(*ts, requestId, model, usage);
     foldRequest(requestId, cost, usage, *ts, countsForToday, family, media);
   }

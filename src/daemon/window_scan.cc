@@ -69,8 +69,14 @@ class FileFold {
 
  private:
   void emit(InstantMs ts, std::string_view model, const TurnUsage& usage) {
-    double cost = CostMath::totalCost(usage, resolveRate(model, pricing_).rate);
-    out_.push_back({ts, cost, TodayShare::modelFamily(model) == "fable", tokenSum(usage)});
+    // A file keeps to one model for long runs: its rate is looked up once.
+    if (!hasPriced_ || model != pricedModel_) {
+      pricedModel_.assign(model);
+      pricedRate_ = resolveRate(model, pricing_).rate;
+      pricedIsFable_ = TodayShare::modelFamily(model) == "fable";
+      hasPriced_ = true;
+    }
+    out_.push_back({ts, CostMath::totalCost(usage, pricedRate_), pricedIsFable_, tokenSum(usage)});
   }
 
   const PricingTable& pricing_;
@@ -78,6 +84,10 @@ class FileFold {
   std::vector<BurnEvent>& out_;
   Group open_;
   bool hasOpen_ = false;
+  std::string pricedModel_;
+  PricingRate pricedRate_;
+  bool pricedIsFable_ = false;
+  bool hasPriced_ = false;
 };
 
 ShapeFacts factsFor(const Result& result, WindowShape shape) {
