@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <nlohmann/json.hpp>
 
 #include "meter/iso8601.h"
 
@@ -17,10 +16,5 @@ struct BurnEvent {
 
   friend bool operator==(const BurnEvent&, const BurnEvent&) = default;
 };
-
-// Keys `timestamp` (seconds since 2001), `costUSD`, `isFableFamily`,
-// `tokens`, all required. burnEventFromJson throws JsonFields::DecodeError.
-[[nodiscard]] nlohmann::json toJson(const BurnEvent& e);
-[[nodiscard]] BurnEvent burnEventFromJson(const nlohmann::json& j);
 
 }  // namespace ostler

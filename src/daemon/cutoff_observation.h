@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <nlohmann/json.hpp>
 
 namespace ostler {
 
@@ -12,9 +11,5 @@ struct CutoffObservation {
 
   friend bool operator==(const CutoffObservation&, const CutoffObservation&) = default;
 };
-
-// Keys `valueUSD`, `tokens`. The fromJson form throws JsonFields::DecodeError.
-[[nodiscard]] nlohmann::json toJson(const CutoffObservation& o);
-[[nodiscard]] CutoffObservation cutoffObservationFromJson(const nlohmann::json& j);
 
 }  // namespace ostler

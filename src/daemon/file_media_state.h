@@ -5,7 +5,6 @@
 #pragma once
 
 #include <cstdint>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 
@@ -36,11 +35,5 @@ struct FileMediaState {
 
   friend bool operator==(const FileMediaState&, const FileMediaState&) = default;
 };
-
-// JSON under the field names. The image fields are required on reading; the
-// `open` fields and `runLastImageAt` may be missing and then take the
-// defaults above. fileMediaStateFromJson throws JsonFields::DecodeError.
-[[nodiscard]] nlohmann::json toJson(const FileMediaState& m);
-[[nodiscard]] FileMediaState fileMediaStateFromJson(const nlohmann::json& j);
 
 }  // namespace ostler

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 
@@ -49,13 +48,6 @@ struct SessionLiveState {
 
   friend bool operator==(const SessionLiveState&, const SessionLiveState&) = default;
 };
-
-// JSON under the field names; optional fields are left out when unset.
-// The fromJson forms throw JsonFields::DecodeError.
-[[nodiscard]] nlohmann::json toJson(const SetupTaxCapture& c);
-[[nodiscard]] SetupTaxCapture setupTaxCaptureFromJson(const nlohmann::json& j);
-[[nodiscard]] nlohmann::json toJson(const SessionLiveState& s);
-[[nodiscard]] SessionLiveState sessionLiveStateFromJson(const nlohmann::json& j);
 
 // The name of a project directory for display: its last path component
 // without leading "-" characters.

@@ -7,7 +7,6 @@
 
 #include "daemon/case_folding.h"
 #include "daemon/daemon_raw_line.h"
-#include "daemon/json_fields.h"
 #include "daemon/limit_event_clustering.h"
 #include "daemon/live_line.h"
 #include "daemon/pre_read_tree.h"
@@ -181,35 +180,6 @@ Result scan(const std::string& root, const PricingTable& pricing, const PreReadT
 Walls walls(const Result& result) {
   return {factsFor(result, WindowShape::kSession), factsFor(result, WindowShape::kWeek),
           factsFor(result, WindowShape::kWeekTopModel)};
-}
-
-nlohmann::json toJson(const ShapeFacts& f) {
-  nlohmann::json j = nlohmann::json::object();
-  if (f.wall) j["wall"] = toJson(*f.wall);
-  if (f.latestResetInstant) j["latestResetInstant"] = JsonFields::referenceSeconds(*f.latestResetInstant);
-  if (f.latestResetPhrase) j["latestResetPhrase"] = *f.latestResetPhrase;
-  return j;
-}
-
-ShapeFacts shapeFactsFromJson(const nlohmann::json& j) {
-  using namespace JsonFields;
-  object(j, "ShapeFacts");
-  ShapeFacts f;
-  if (const auto* w = find(j, "wall")) f.wall = cutoffObservationFromJson(*w);
-  f.latestResetInstant = optionalInstant(j, "latestResetInstant");
-  f.latestResetPhrase = optionalString(j, "latestResetPhrase");
-  return f;
-}
-
-nlohmann::json toJson(const Walls& w) {
-  return {{"session", toJson(w.session)}, {"week", toJson(w.week)}, {"weekTopModel", toJson(w.weekTopModel)}};
-}
-
-Walls wallsFromJson(const nlohmann::json& j) {
-  using namespace JsonFields;
-  object(j, "Walls");
-  return {shapeFactsFromJson(require(j, "session")), shapeFactsFromJson(require(j, "week")),
-          shapeFactsFromJson(require(j, "weekTopModel"))};
 }
 
 }  // namespace ostler::WindowScan

@@ -6,7 +6,6 @@
 #pragma once
 
 #include <cstdint>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -70,13 +69,5 @@ struct Walls {
 // seconds is one cut-off), each cut-off measures the window's burn up to it,
 // and the lowest of at least two such measures is the wall.
 [[nodiscard]] Walls walls(const Result& result);
-
-// JSON: keys `session`, `week`, `weekTopModel`, each with optional `wall`,
-// `latestResetInstant` (seconds since 2001) and `latestResetPhrase`. The
-// fromJson forms throw JsonFields::DecodeError.
-[[nodiscard]] nlohmann::json toJson(const ShapeFacts& f);
-[[nodiscard]] ShapeFacts shapeFactsFromJson(const nlohmann::json& j);
-[[nodiscard]] nlohmann::json toJson(const Walls& w);
-[[nodiscard]] Walls wallsFromJson(const nlohmann::json& j);
 
 }  // namespace ostler::WindowScan

@@ -13,6 +13,7 @@
 #include "daemon/live_engine.h"
 #include "daemon/persisted_state_codec.h"
 #include "line_builder.h"
+#include "state_tree_codec.h"
 #include "support/test_support.h"
 
 namespace ostler {
@@ -31,9 +32,9 @@ json treeOf(const PersistedState& s) {
   j["root"] = s.root;
   j["fileOffsets"] = s.fileOffsets;
   json& media = j["fileMediaState"] = json::object();
-  for (const auto& [path, m] : s.fileMediaState) media[path] = toJson(m);
+  for (const auto& [path, m] : s.fileMediaState) media[path] = StateTree::toJson(m);
   json& sessions = j["sessionState"] = json::object();
-  for (const auto& [id, st] : s.sessionState) sessions[id] = toJson(st);
+  for (const auto& [id, st] : s.sessionState) sessions[id] = StateTree::toJson(st);
   if (s.quotaLastEventAt) j["quotaLastEventAt"] = *s.quotaLastEventAt;
   if (s.quotaResetsNote) j["quotaResetsNote"] = *s.quotaResetsNote;
   j["newLinesSeen"] = s.newLinesSeen;
@@ -43,8 +44,8 @@ json treeOf(const PersistedState& s) {
   j["todayTurns"] = s.todayTurns;
   j["todayTokensByFamily"] = s.todayTokensByFamily;
   json& burns = j["recentBurns"] = json::array();
-  for (const auto& b : s.recentBurns) burns.push_back(toJson(b));
-  if (s.cachedWalls) j["cachedWalls"] = WindowScan::toJson(*s.cachedWalls);
+  for (const auto& b : s.recentBurns) burns.push_back(StateTree::toJson(b));
+  if (s.cachedWalls) j["cachedWalls"] = StateTree::toJson(*s.cachedWalls);
   j["subagentLastModel"] = s.subagentLastModel;
   j["seenRequestIds"] = s.seenRequestIds;
   return j;
@@ -75,8 +76,8 @@ std::optional<PersistedState> treeLoad(const std::string& text, const std::strin
     s.stateVersion = requireInt(j, "stateVersion");
     s.root = requireString(j, "root");
     s.fileOffsets = map(j, "fileOffsets", [](const json& v) { return asInt(v, "fileOffsets"); });
-    s.fileMediaState = map(j, "fileMediaState", fileMediaStateFromJson);
-    s.sessionState = map(j, "sessionState", sessionLiveStateFromJson);
+    s.fileMediaState = map(j, "fileMediaState", StateTree::fileMediaStateFromJson);
+    s.sessionState = map(j, "sessionState", StateTree::sessionLiveStateFromJson);
     s.quotaLastEventAt = optionalString(j, "quotaLastEventAt");
     s.quotaResetsNote = optionalString(j, "quotaResetsNote");
     s.newLinesSeen = requireInt(j, "newLinesSeen");
@@ -85,8 +86,8 @@ std::optional<PersistedState> treeLoad(const std::string& text, const std::strin
     s.todaySpentUSD = requireDouble(j, "todaySpentUSD");
     s.todayTurns = requireInt(j, "todayTurns");
     s.todayTokensByFamily = map(j, "todayTokensByFamily", [](const json& v) { return asInt(v, "tokens"); });
-    for (const auto& b : array(j, "recentBurns")) s.recentBurns.push_back(burnEventFromJson(b));
-    if (const auto* w = find(j, "cachedWalls")) s.cachedWalls = WindowScan::wallsFromJson(*w);
+    for (const auto& b : array(j, "recentBurns")) s.recentBurns.push_back(StateTree::burnEventFromJson(b));
+    if (const auto* w = find(j, "cachedWalls")) s.cachedWalls = StateTree::wallsFromJson(*w);
     s.subagentLastModel = map(j, "subagentLastModel", [](const json& v) { return asString(v, "model"); });
     for (const auto& id : array(j, "seenRequestIds")) s.seenRequestIds.push_back(asString(id, "id"));
     return s;

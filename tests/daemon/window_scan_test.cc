@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "daemon/json_fields.h"
 #include "line_builder.h"
 #include "support/test_support.h"
 
@@ -88,11 +87,6 @@ TEST(WindowScanTest, WallsAreTheLowestOfTwoOrMoreCutoffs) {
   w = WindowScan::walls(r);
   EXPECT_EQ(w.session.latestResetInstant, t0 + 5 * hour);
   EXPECT_EQ(WindowScan::walls({}), WindowScan::Walls{});
-
-  // The persisted form keeps every fact.
-  EXPECT_EQ(WindowScan::wallsFromJson(WindowScan::toJson(w)), w);
-  EXPECT_THROW((void)WindowScan::wallsFromJson(nlohmann::json{{"session", nlohmann::json::object()}}),
-               JsonFields::DecodeError);
 }
 
 }  // namespace
