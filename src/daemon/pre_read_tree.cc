@@ -22,6 +22,7 @@ void PreReadTree::SliceLines::line(uint64_t begin, uint64_t end, bool terminated
   out.decoded = root != nullptr && decodeDaemonRawLine(*root, &raw_);
   if (!out.decoded) return;
   out.line = digestLiveLine(raw_, strings_, !folderNamed_);
+  if (out.line.type == LiveLine::Type::kAssistant) ++assistantLines_;
   if (!out.line.cwd.empty() && !text::lastPathComponent(out.line.cwd).empty()) folderNamed_ = true;
 }
 
@@ -42,6 +43,7 @@ void PreReadTree::take(const std::string& path, uint64_t readEnd, std::unique_pt
     return;
   }
   bytes_ += size;
+  assistantLines_ += lines->assistantLines_;
   file.slices.emplace_back(static_cast<SliceLines*>(slice.release()));
 }
 

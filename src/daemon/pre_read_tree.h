@@ -38,6 +38,7 @@ class PreReadTree final : public LineTap {
     StringArena strings_{4096};
     std::vector<Line> lines_;
     uint64_t wholeLinesEnd_ = 0;
+    size_t assistantLines_ = 0;
     bool tooLong_ = false;
     bool folderNamed_ = false;  // a line's folder named the project: later folders cannot matter
   };
@@ -64,6 +65,8 @@ class PreReadTree final : public LineTap {
   [[nodiscard]] std::optional<Served> serve(const std::string& path, int64_t size) const;
 
   [[nodiscard]] size_t bytes() const { return bytes_; }
+  // Assistant lines gathered: a bound on the request ids a reader will see.
+  [[nodiscard]] size_t assistantLines() const { return assistantLines_; }
 
  private:
   struct File {
@@ -74,6 +77,7 @@ class PreReadTree final : public LineTap {
 
   size_t maxBytes_;
   size_t bytes_ = 0;
+  size_t assistantLines_ = 0;
   std::unordered_map<std::string, File> files_;
   mutable std::mutex mutex_;
   mutable std::condition_variable readCondition_;

@@ -137,6 +137,7 @@ const ShapeFacts& Walls::of(WindowShape shape) const {
 Result scan(const std::string& root, const PricingTable& pricing, const PreReadTree* preRead) {
   Result result;
   std::unordered_set<std::string> seen;
+  if (preRead != nullptr) seen.reserve(preRead->assistantLines());
   DaemonLineDecoder decoder;
   DaemonRawLine raw;
   StringArena strings(4096);
