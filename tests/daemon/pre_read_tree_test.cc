@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "daemon/line_builder.h"
 #include "daemon/live_engine.h"
 #include "daemon/odometer.h"
@@ -28,7 +30,10 @@ Reading readTree(const std::string& root, InstantMs now, const PreReadTree* preR
   const PricingTable& pricing = PricingTable::defaultTable();
   LiveEngine engine(pricing, "Europe/Berlin");
   (void)engine.poll(root, now, nullptr, preRead);
-  return {engine.snapshotForPersistence(root), engine.exclusionsSnapshot(), WindowScan::scan(root, pricing, preRead),
+  PersistedState state = engine.snapshotForPersistence(root);
+  // A set, listed in the order of its table.
+  std::sort(state.seenRequestIds.begin(), state.seenRequestIds.end());
+  return {std::move(state), engine.exclusionsSnapshot(), WindowScan::scan(root, pricing, preRead),
           LiveEngine::freshWindowedTokensByFamily(root, pricing, now, "Europe/Berlin", preRead)};
 }
 
