@@ -49,8 +49,8 @@ bool startOdometerRecomputeIfDue(const LiveEngine& engine, const DaemonOptions& 
   services.recomputeQueue.async([state, root = options.root, pricing = options.pricing,
                                  timeZoneId = engine.timeZoneId(), boundary, now, unreconciled, touchedSinceLast,
                                  accumulator, &clock = services.clock, log = services.log] {
-    // The fresh family count is a fourth read of the tree; it is only worth
-    // it while the check stands unreconciled.
+    // The fresh family count folds the whole tree once more; it is only
+    // worth it while the check stands unreconciled.
     auto bundle = std::make_shared<const Odometer::Bundle>(
         Odometer::compute(root, pricing, boundary, now, unreconciled, timeZoneId));
     FeedDiagnosticsEquality check = TodayEqualityCheck::check(

@@ -29,13 +29,17 @@ void PreReadTree::SliceLines::line(uint64_t begin, uint64_t end, bool terminated
 std::unique_ptr<LineTap::Slice> PreReadTree::openSlice() const { return std::make_unique<SliceLines>(); }
 
 void PreReadTree::take(const std::string& path, uint64_t readEnd, std::unique_ptr<LineTap::Slice> slice) {
-  auto* lines = static_cast<SliceLines*>(slice.get());
-  lines->lines_.shrink_to_fit();
   File& file = files_[path];
   if (readEnd > file.readEnd) file.readEnd = readEnd;
   if (!file.usable) return;
-  const size_t size = lines->lines_.capacity() * sizeof(Line) + lines->strings_.capacityBytes();
-  if (lines->tooLong_ || bytes_ + size > maxBytes_) {
+  auto* lines = static_cast<SliceLines*>(slice.get());
+  size_t size = 0;
+  if (lines != nullptr) {
+    lines->lines_.shrink_to_fit();
+    lines->raw_ = {};  // the decoder's scratch is of no further use
+    size = lines->lines_.capacity() * sizeof(Line) + lines->strings_.capacityBytes();
+  }
+  if (lines == nullptr || lines->tooLong_ || bytes_ + size > maxBytes_) {
     // A file is served whole or not at all.
     for (const auto& s : file.slices) bytes_ -= s->lines_.capacity() * sizeof(Line) + s->strings_.capacityBytes();
     file.slices.clear();

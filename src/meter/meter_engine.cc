@@ -193,7 +193,12 @@ SliceReading readSliceOnce(const std::string& path, const FileSlice& slice, cons
   while (reader->nextLineOffset() < slice.end) {
     const uint64_t begin = reader->nextLineOffset();
     auto line = reader->nextLine();
-    if (!line) break;
+    if (!line) {
+      // Short of its end, a slice that runs out was cut off (the file
+      // shrank, or a read failed): the tap must not take it for whole.
+      if (slice.end != UINT64_MAX) r.tap.reset();
+      break;
+    }
     ++lineNumber;
     const uint64_t end = reader->nextLineOffset();
     std::string_view trimmed = text::trimSpacesAndTabs(*line);
@@ -328,12 +333,14 @@ std::vector<std::optional<FileDigest>> readPassOneOnce(const Plan& plan, std::ve
       const size_t index = file.firstSlice + s;
       SliceReading r = work.take(index);
       if (s == 0) opened = r.bash.opened;
+      // The tap hears of every slice, so that it knows a file it holds
+      // whole: one that could not be read comes without lines.
+      if (reading.tap != nullptr) reading.tap->take(*file.path, r.readEnd, std::move(r.tap));
       // A slice that could not be opened is read again by pass two, as in
       // the two-reading run.
       if (!r.bash.opened) continue;
       if (opened)
         for (auto& c : counts) c.fold(r.bash);
-      if (r.tap) reading.tap->take(*file.path, r.readEnd, std::move(r.tap));
       const size_t bytes = digestBytes(r.digest);
       if (keptBytes + bytes <= reading.keepDigestBytes) {
         keptBytes += bytes;

@@ -91,9 +91,10 @@ class LineTap {
   virtual ~LineTap() = default;
   // Called on worker threads, at once.
   [[nodiscard]] virtual std::unique_ptr<Slice> openSlice() const = 0;
-  // Called on the meter's calling thread: a file's slices in order, files in
-  // the meter's order. `readEnd` is where the slice's reading stopped (the
-  // file's end for its last slice). Files that cannot be opened never come.
+  // Called on the meter's calling thread: every slice of a file in order,
+  // files in the meter's order. `readEnd` is where the slice's reading
+  // stopped (the file's end for its last slice). `slice` is null when the
+  // slice could not be opened or was cut off before its end.
   virtual void take(const std::string& path, uint64_t readEnd, std::unique_ptr<Slice> slice) = 0;
   // Called on the meter's calling thread once every slice is taken, before
   // pass two: the tap's lines may be used from here on, beside pass two.

@@ -103,5 +103,22 @@ TEST(PreReadTreeTest, FilesPastTheBudgetAreLeftToDisk) {
   expectSameReading(readTree(root, now, &preRead), readTree(root, now, nullptr));
 }
 
+// A file is served whole or not at all: a slice the meter could not read
+// (it comes without lines) takes the whole file back to disk.
+TEST(PreReadTreeTest, AFileWithASliceUnreadIsNotServed) {
+  PreReadTree preRead(1 << 20);
+  auto first = preRead.openSlice();
+  first->line(0, 3, true, "{}", nullptr);
+  preRead.take("/a.jsonl", 3, std::move(first));
+  preRead.take("/b.jsonl", 3, preRead.openSlice());
+  preRead.take("/b.jsonl", 9, nullptr);
+  preRead.readingDone();
+  preRead.waitUntilRead();
+  ASSERT_TRUE(preRead.serve("/a.jsonl", 3));
+  EXPECT_EQ(preRead.serve("/a.jsonl", 3)->wholeLinesEnd, 3u);
+  EXPECT_FALSE(preRead.serve("/a.jsonl", 4));
+  EXPECT_FALSE(preRead.serve("/b.jsonl", 9));
+}
+
 }  // namespace
 }  // namespace ostler
