@@ -47,7 +47,7 @@ int runForever(const DaemonOptions& options, const ShutdownSignalSource& shutdow
   // start. The file (megabytes on a large tree) is read within the pass,
   // while the meter reads the tree.
   auto restoreSavedState = [&options](LiveEngine& fresh) {
-    if (auto saved = PersistedStateIO::load(options.scratchPath, options.root)) fresh.restore(*saved);
+    if (auto saved = PersistedStateIO::load(options.scratchPath, options.root)) fresh.restore(std::move(*saved));
   };
   std::optional<InitialPassResult> pass = initialPass(engine, options, services.clock.nowMs(), nullptr,
                                                       &shutdownSignal, services.clock, restoreSavedState);

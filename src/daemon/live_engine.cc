@@ -269,15 +269,15 @@ PersistedState LiveEngine::snapshotForPersistence(const std::string& root) const
   return s;
 }
 
-void LiveEngine::restore(const PersistedState& s) {
-  fileOffsets_ = s.fileOffsets;
+void LiveEngine::restore(PersistedState s) {
+  fileOffsets_ = std::move(s.fileOffsets);
   // The sizes seen were read against the offsets just replaced: a file must
   // be opened again wherever its restored offset lies below its size.
   sizeAtLastRead_.clear();
-  fileMediaState_ = s.fileMediaState;
-  sessionState_ = s.sessionState;
-  quotaLastEventAt_ = s.quotaLastEventAt;
-  quotaResetsNote_ = s.quotaResetsNote;
+  fileMediaState_ = std::move(s.fileMediaState);
+  sessionState_ = std::move(s.sessionState);
+  quotaLastEventAt_ = std::move(s.quotaLastEventAt);
+  quotaResetsNote_ = std::move(s.quotaResetsNote);
   resolveQuotaReset();
   newLinesSeen_ = s.newLinesSeen;
   newLinesSkipped_ = s.newLinesSkipped;
@@ -285,11 +285,13 @@ void LiveEngine::restore(const PersistedState& s) {
   nextDayStart_.reset();
   todaySpentUSD_ = s.todaySpentUSD;
   todayTurns_ = s.todayTurns;
-  todayTokensByFamily_ = s.todayTokensByFamily;
-  recentBurns_ = s.recentBurns;
-  cachedWalls_ = s.cachedWalls;
-  subagentLastModel_ = s.subagentLastModel;
-  seenRequestIds_ = std::unordered_set<std::string>(s.seenRequestIds.begin(), s.seenRequestIds.end());
+  todayTokensByFamily_ = std::move(s.todayTokensByFamily);
+  recentBurns_ = std::move(s.recentBurns);
+  cachedWalls_ = std::move(s.cachedWalls);
+  subagentLastModel_ = std::move(s.subagentLastModel);
+  seenRequestIds_.clear();
+  seenRequestIds_.reserve(s.seenRequestIds.size());
+  for (std::string& id : s.seenRequestIds) seenRequestIds_.insert(std::move(id));
 }
 
 }  // namespace ostler

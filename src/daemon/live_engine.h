@@ -162,7 +162,7 @@ class LiveEngine {
   // Persistence. The snapshot copies every saved field; restore replaces
   // them all and leaves `isDirty` as it was.
   [[nodiscard]] PersistedState snapshotForPersistence(const std::string& root) const;
-  void restore(const PersistedState& state);
+  void restore(PersistedState state);
 
   // Limit windows. The session window starts at the later of the burn-
   // inferred anchor and a past reset named by the last quota message.
