@@ -62,10 +62,10 @@ std::optional<InitialPassResult> initialPass(LiveEngine& engine, const DaemonOpt
   };
 
   // The meter reads the tree once, for both receipts, and gathers on the
-  // way the lines the engine and the scan read; the saved state loads
-  // beside it. The engine and the scan fold those lines (files changed
-  // since excepted, which they read themselves) while the meter folds its
-  // second pass.
+  // way the lines the engine and the scan read. The engine (after loading
+  // the saved state) and the scan fold those lines, files changed since
+  // excepted, which they read themselves, while the meter folds its second
+  // pass.
   PreReadTree preRead(Odometer::kPreReadBytes);
   const bool stopped = runJobs(
       {
@@ -80,10 +80,13 @@ std::optional<InitialPassResult> initialPass(LiveEngine& engine, const DaemonOpt
                   today = std::move(receipts.today);
                 }),
           [&] {
-            if (prepareEngine) prepareEngine(engine);
-            coldStart = neverPolled(engine);
+            // The saved state loads once the reading is done, on the core
+            // the meter's second pass leaves free, rather than slow the
+            // reading down.
             preRead.waitUntilRead();
             const double start = clock.monotonicSeconds();
+            if (prepareEngine) prepareEngine(engine);
+            coldStart = neverPolled(engine);
             (void)engine.poll(options.root, now, shutdownSignal, &preRead);
             result.accumulatorSnapshot = engine.todayAccumulatorSnapshot();
             if (coldStart) tokens = engine.todayTokensByFamily();
