@@ -286,19 +286,19 @@ class BashOccurrences {
   bool currentIsRepeat_ = false;
 };
 
-// Pass one over a reading shared by `counts`.
-void scanPassOne(const Plan& plan, std::vector<BashOccurrences>& counts, int64_t totalFiles,
-                 const ProgressCallback& onProgress, const Clock& clock) {
-  OrderedWork<FileBashScan> work(
-      plan.slices.size(), [&](size_t i) { return scanFileForBash(*plan.slices[i].first, plan.slices[i].second); },
-      workerThreads(), kWindow);
+// Pass one's fold: files in reading order, each slice's scan folded into
+// every pass of the reading. `takeSlice(file, i)` gives slice `i`'s scan,
+// doing on the way whatever else its reading does with the slice.
+template <typename TakeSlice>
+void foldPassOne(const Plan& plan, std::vector<BashOccurrences>& counts, int64_t totalFiles,
+                 const ProgressCallback& onProgress, const Clock& clock, TakeSlice&& takeSlice) {
   int64_t filesOpened = 0;
   ProgressThrottle throttle(clock);
   for (const FileTask& file : plan.files) {
     bool opened = false;
     for (auto& c : counts) c.beginFile();
     for (size_t s = 0; s < file.sliceCount; ++s) {
-      FileBashScan scan = work.take(file.firstSlice + s);
+      FileBashScan scan = takeSlice(file, file.firstSlice + s);
       if (s == 0) opened = scan.opened;
       if (!opened) continue;
       for (auto& c : counts) c.fold(scan);
@@ -308,6 +308,15 @@ void scanPassOne(const Plan& plan, std::vector<BashOccurrences>& counts, int64_t
     if (onProgress && throttle.shouldReport(filesOpened == totalFiles)) onProgress({filesOpened, totalFiles, 0});
   }
   for (auto& c : counts) c.finish();
+}
+
+// Pass one over a reading shared by `counts`.
+void scanPassOne(const Plan& plan, std::vector<BashOccurrences>& counts, int64_t totalFiles,
+                 const ProgressCallback& onProgress, const Clock& clock) {
+  OrderedWork<FileBashScan> work(
+      plan.slices.size(), [&](size_t i) { return scanFileForBash(*plan.slices[i].first, plan.slices[i].second); },
+      workerThreads(), kWindow);
+  foldPassOne(plan, counts, totalFiles, onProgress, clock, [&](const FileTask&, size_t i) { return work.take(i); });
 }
 
 // Pass one on a reading that parses every line: besides the scans, it hands
@@ -324,36 +333,22 @@ std::vector<std::optional<FileDigest>> readPassOneOnce(const Plan& plan, std::ve
       plan.slices.size(),
       [&](size_t i) { return readSliceOnce(*plan.slices[i].first, plan.slices[i].second, tap, spent.take()); },
       workerThreads(), kWindow);
-  int64_t filesOpened = 0;
-  ProgressThrottle throttle(clock);
-  for (const FileTask& file : plan.files) {
-    bool opened = false;
-    for (auto& c : counts) c.beginFile();
-    for (size_t s = 0; s < file.sliceCount; ++s) {
-      const size_t index = file.firstSlice + s;
-      SliceReading r = work.take(index);
-      if (s == 0) opened = r.bash.opened;
-      // The tap hears of every slice, so that it knows a file it holds
-      // whole: one that could not be read comes without lines.
-      if (reading.tap != nullptr) reading.tap->take(*file.path, r.readEnd, std::move(r.tap));
-      // A slice that could not be opened is read again by pass two, as in
-      // the two-reading run.
-      if (!r.bash.opened) continue;
-      if (opened)
-        for (auto& c : counts) c.fold(r.bash);
-      const size_t bytes = digestBytes(r.digest);
-      if (keptBytes + bytes <= reading.keepDigestBytes) {
-        keptBytes += bytes;
-        kept[index] = std::move(r.digest);
-      } else {
-        spent.give(std::move(r.digest));
-      }
+  foldPassOne(plan, counts, totalFiles, onProgress, clock, [&](const FileTask& file, size_t i) {
+    SliceReading r = work.take(i);
+    // The tap hears of every slice, so that it knows a file it holds whole:
+    // one that could not be read comes without lines.
+    if (reading.tap != nullptr) reading.tap->take(*file.path, r.readEnd, std::move(r.tap));
+    // A slice that could not be opened is read again by pass two, as in the
+    // two-reading run.
+    const size_t bytes = digestBytes(r.digest);
+    if (r.digest.opened && keptBytes + bytes <= reading.keepDigestBytes) {
+      keptBytes += bytes;
+      kept[i] = std::move(r.digest);
+    } else {
+      spent.give(std::move(r.digest));
     }
-    if (!opened) continue;
-    ++filesOpened;
-    if (onProgress && throttle.shouldReport(filesOpened == totalFiles)) onProgress({filesOpened, totalFiles, 0});
-  }
-  for (auto& c : counts) c.finish();
+    return std::move(r.bash);
+  });
   if (reading.tap != nullptr) reading.tap->readingDone();
   return kept;
 }
