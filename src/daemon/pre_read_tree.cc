@@ -12,6 +12,10 @@ constexpr uint64_t kLongestServedLine = TailReader::kMaxBufferBytes / 2;
 
 }  // namespace
 
+size_t PreReadTree::SliceLines::bytes() const {
+  return lines_.capacity() * sizeof(Line) + strings_.capacityBytes();
+}
+
 void PreReadTree::SliceLines::line(uint64_t begin, uint64_t end, bool terminated, std::string_view trimmed,
                                    const simdjson::dom::object* root) {
   if (end - begin > kLongestServedLine) tooLong_ = true;
@@ -37,11 +41,11 @@ void PreReadTree::take(const std::string& path, uint64_t readEnd, std::unique_pt
   if (lines != nullptr) {
     lines->lines_.shrink_to_fit();
     lines->raw_ = {};  // the decoder's scratch is of no further use
-    size = lines->lines_.capacity() * sizeof(Line) + lines->strings_.capacityBytes();
+    size = lines->bytes();
   }
   if (lines == nullptr || lines->tooLong_ || bytes_ + size > maxBytes_) {
     // A file is served whole or not at all.
-    for (const auto& s : file.slices) bytes_ -= s->lines_.capacity() * sizeof(Line) + s->strings_.capacityBytes();
+    for (const auto& s : file.slices) bytes_ -= s->bytes();
     file.slices.clear();
     file.usable = false;
     return;

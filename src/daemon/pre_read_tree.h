@@ -34,6 +34,8 @@ class PreReadTree final : public LineTap {
 
    private:
     friend class PreReadTree;
+    [[nodiscard]] size_t bytes() const;  // heap bytes held
+
     DaemonRawLine raw_;
     StringArena strings_{4096};
     std::vector<Line> lines_;

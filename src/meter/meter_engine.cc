@@ -108,26 +108,59 @@ bool ProgressThrottle::shouldReport(bool force) {
   return true;
 }
 
-FileDigest digestFile(const std::string& path, const FileSlice& slice, FileDigest storage) {
-  FileDigest digest = std::move(storage);
+namespace {
+
+void appendBashScanLine(const RawTranscriptLine& raw, FileBashScan& scan);
+
+struct SliceRead {
+  uint64_t end = 0;        // where the reading stopped
+  bool cutShort = false;   // it ran out before the slice's end
+};
+
+// Reads and parses each line of a slice once, for pass two's `digest` and,
+// when given, pass one's `bash` scan and a tap. `digest` is emptied first;
+// its `opened` tells whether the file opened.
+SliceRead readSlice(const std::string& path, const FileSlice& slice, FileDigest& digest, FileBashScan* bash,
+                    LineTap::Slice* tap) {
   digest.clear();
+  SliceRead read;
   auto reader = openSlice(path, slice);
-  if (!reader) return digest;
+  if (!reader) return read;
   digest.opened = true;
-  TranscriptLineDecoder& decoder = threadDecoder();
+  JsonLineParser& parser = threadDecoder().parser();
   RawTranscriptLine raw;
   int64_t lineNumber = int64_t{slice.index} << 32;
   while (reader->nextLineOffset() < slice.end) {
+    const uint64_t begin = reader->nextLineOffset();
     auto line = reader->nextLine();
-    if (!line) break;
+    if (!line) {
+      read.cutShort = slice.end != UINT64_MAX;
+      break;
+    }
     ++lineNumber;
+    const uint64_t end = reader->nextLineOffset();
     std::string_view trimmed = text::trimSpacesAndTabs(*line);
-    if (trimmed.empty()) continue;
-    if (decoder.decode(trimmed, true, &raw))
-      appendDigestLine(raw, lineNumber, digest);
-    else
-      appendSkippedLine(lineNumber, digest);
+    std::optional<simdjson::dom::object> root;
+    if (!trimmed.empty()) {
+      root = parser.parse(trimmed, true);
+      if (root && decodeRawTranscriptLine(*root, &raw)) {
+        appendDigestLine(raw, lineNumber, digest);
+        if (bash != nullptr) appendBashScanLine(raw, *bash);
+      } else {
+        appendSkippedLine(lineNumber, digest);
+      }
+    }
+    if (tap != nullptr) tap->line(begin, end, end > begin + line->size(), trimmed, root ? &*root : nullptr);
   }
+  read.end = reader->nextLineOffset();
+  return read;
+}
+
+}  // namespace
+
+FileDigest digestFile(const std::string& path, const FileSlice& slice, FileDigest storage) {
+  FileDigest digest = std::move(storage);
+  (void)readSlice(path, slice, digest, nullptr, nullptr);
   finishDigest(digest);
   return digest;
 }
@@ -182,39 +215,13 @@ struct SliceReading {
 SliceReading readSliceOnce(const std::string& path, const FileSlice& slice, const LineTap* tap, FileDigest storage) {
   SliceReading r;
   r.digest = std::move(storage);
-  r.digest.clear();
-  auto reader = openSlice(path, slice);
-  if (!reader) return r;
-  r.digest.opened = r.bash.opened = true;
   if (tap != nullptr) r.tap = tap->openSlice();
-  JsonLineParser& parser = threadDecoder().parser();
-  RawTranscriptLine raw;
-  int64_t lineNumber = int64_t{slice.index} << 32;
-  while (reader->nextLineOffset() < slice.end) {
-    const uint64_t begin = reader->nextLineOffset();
-    auto line = reader->nextLine();
-    if (!line) {
-      // Short of its end, a slice that runs out was cut off (the file
-      // shrank, or a read failed): the tap must not take it for whole.
-      if (slice.end != UINT64_MAX) r.tap.reset();
-      break;
-    }
-    ++lineNumber;
-    const uint64_t end = reader->nextLineOffset();
-    std::string_view trimmed = text::trimSpacesAndTabs(*line);
-    std::optional<simdjson::dom::object> root;
-    if (!trimmed.empty()) {
-      root = parser.parse(trimmed, true);
-      if (root && decodeRawTranscriptLine(*root, &raw)) {
-        appendDigestLine(raw, lineNumber, r.digest);
-        appendBashScanLine(raw, r.bash);
-      } else {
-        appendSkippedLine(lineNumber, r.digest);
-      }
-    }
-    if (r.tap) r.tap->line(begin, end, end > begin + line->size(), trimmed, root ? &*root : nullptr);
-  }
-  r.readEnd = reader->nextLineOffset();
+  const SliceRead read = readSlice(path, slice, r.digest, &r.bash, r.tap.get());
+  r.readEnd = read.end;
+  r.bash.opened = r.digest.opened;
+  // Unopened, or short of its end (the file shrank, or a read failed), a
+  // slice must not be taken for whole.
+  if (!r.digest.opened || read.cutShort) r.tap.reset();
   // The digest is likely kept until pass two: it should hold no slack.
   r.digest.lines.shrink_to_fit();
   r.digest.toolUses.shrink_to_fit();
