@@ -1,9 +1,12 @@
 // The heavy pass before the first feed: the meter's two receipts, the live
 // engine's catching up with the tree, the window scan and a fresh family
 // count, on one reading of the tree.
+#include <future>
+
 #include "daemon/daemon.h"
 #include "daemon/local_day.h"
 #include "daemon/parallel_jobs.h"
+#include "daemon/persisted_state_codec.h"
 #include "daemon/pre_read_tree.h"
 #include "daemon/today_equality_check.h"
 #include "meter/meter_engine.h"
@@ -67,6 +70,7 @@ std::optional<InitialPassResult> initialPass(LiveEngine& engine, const DaemonOpt
   // excepted, which they read themselves, while the meter folds its second
   // pass.
   PreReadTree preRead(Odometer::kPreReadBytes);
+  std::promise<void> wallsKnown;
   const bool stopped = runJobs(
       {
           // Both receipts come from one reading of the tree, so the two
@@ -91,12 +95,19 @@ std::optional<InitialPassResult> initialPass(LiveEngine& engine, const DaemonOpt
             result.accumulatorSnapshot = engine.todayAccumulatorSnapshot();
             if (coldStart) tokens = engine.todayTokensByFamily();
             result.liveSeconds = clock.monotonicSeconds() - start;
+            // The engine is final once it has the walls: its state is
+            // encoded here, while the meter still folds, so that the save
+            // after the pass only writes it.
+            wallsKnown.get_future().wait();
+            engine.updateWalls(walls);
+            result.encodedState = PersistedStateCodec::encode(engine.snapshotForPersistence(options.root));
           },
           [&] {
             preRead.waitUntilRead();
             const double start = clock.monotonicSeconds();
             walls = WindowScan::walls(WindowScan::scan(options.root, options.pricing, &preRead));
             result.windowScanSeconds = clock.monotonicSeconds() - start;
+            wallsKnown.set_value();
           },
       },
       shutdownSignal);
@@ -117,7 +128,6 @@ std::optional<InitialPassResult> initialPass(LiveEngine& engine, const DaemonOpt
   }
 
   result.odometerBundle = Odometer::bundle(std::move(lifetime), std::move(today), walls, std::move(tokens));
-  engine.updateWalls(walls);
   return result;
 }
 

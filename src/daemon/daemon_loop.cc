@@ -60,7 +60,8 @@ int runForever(const DaemonOptions& options, const ShutdownSignalSource& shutdow
   FeedDiagnosticsEquality check =
       TodayEqualityCheck::check(pass->accumulatorSnapshot.spentUSD, pass->accumulatorSnapshot.turns,
                                 pass->odometerBundle.todayWindowedReceipt.totals.spent_usd, finishedAt, services.log);
-  (void)persistAndRecord(engine, options);
+  (void)persistAndRecord(engine, options, pass->encodedState);
+  pass->encodedState = {};
   services.names.writeIfChanged(engine, finishedAt, options.namesPath);
   services.macAi.startBackfillIfNeeded(finishedAt);
 

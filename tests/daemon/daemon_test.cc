@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "daemon/persisted_state.h"
+#include "daemon/persisted_state_codec.h"
 #include "line_builder.h"
 #include "support/fake_clock.h"
 #include "support/test_support.h"
@@ -415,6 +416,9 @@ TEST(InitialPassTest, FiguresOfEveryJobOnColdAndWarmStarts) {
   EXPECT_EQ(pass->odometerBundle.windowedTokensByFamily,
             (std::map<std::string, int64_t>{{"haiku", 1'000'000}}));
   EXPECT_TRUE(cold.cachedWalls());
+  // The state prepared for the save is the engine's final state, walls
+  // included, exactly as a save after the pass would encode it.
+  EXPECT_EQ(pass->encodedState, PersistedStateCodec::encode(cold.snapshotForPersistence(h.options.root)));
 
   // A restored engine reads nothing new and its check matches, so no fresh
   // family count is read: the feed could not use it. The state is restored
