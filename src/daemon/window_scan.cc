@@ -2,8 +2,8 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cmath>
-#include <unordered_set>
 
 #include "daemon/case_folding.h"
 #include "daemon/daemon_raw_line.h"
@@ -17,6 +17,7 @@
 #include "daemon/today_share.h"
 #include "daemon/wall_learner.h"
 #include "meter/byte_search.h"
+#include "meter/id_set.h"
 #include "meter/text.h"
 
 namespace ostler::WindowScan {
@@ -37,7 +38,7 @@ struct Group {
 
 class FileFold {
  public:
-  FileFold(const PricingTable& pricing, std::unordered_set<std::string>& seen, std::vector<BurnEvent>& out)
+  FileFold(const PricingTable& pricing, IdSet& seen, std::vector<BurnEvent>& out)
       : pricing_(pricing), seen_(seen), out_(out) {}
 
   void add(std::string_view requestId, InstantMs ts, std::string_view model, const TurnUsage& usage) {
@@ -57,7 +58,7 @@ class FileFold {
     open_.timestamp = ts;
     open_.model.assign(model);
     open_.usage = usage;
-    open_.refused = !seen_.insert(open_.requestId).second;
+    open_.refused = !seen_.insert(open_.requestId);
     hasOpen_ = true;
   }
 
@@ -79,7 +80,7 @@ class FileFold {
   }
 
   const PricingTable& pricing_;
-  std::unordered_set<std::string>& seen_;
+  IdSet& seen_;
   std::vector<BurnEvent>& out_;
   Group open_;
   bool hasOpen_ = false;
@@ -89,7 +90,17 @@ class FileFold {
   bool hasPriced_ = false;
 };
 
-ShapeFacts factsFor(const Result& result, WindowShape shape) {
+// The events in time order (ties in reading order), as indices into
+// `events`, so that each window is one run of them.
+std::vector<size_t> byTime(const std::vector<BurnEvent>& events) {
+  std::vector<size_t> order(events.size());
+  for (size_t i = 0; i < order.size(); ++i) order[i] = i;
+  std::stable_sort(order.begin(), order.end(),
+                   [&](size_t a, size_t b) { return events[a].timestamp < events[b].timestamp; });
+  return order;
+}
+
+ShapeFacts factsFor(const Result& result, const std::vector<size_t>& order, WindowShape shape) {
   std::vector<const LimitEvent*> matching;
   for (const auto& e : result.limitEvents)
     if (shape == WindowShape::kSession ? e.isSessionShape : e.isWeeklyShape) matching.push_back(&e);
@@ -101,15 +112,20 @@ ShapeFacts factsFor(const Result& result, WindowShape shape) {
   const InstantMs durationMs = static_cast<InstantMs>(std::llround(windowDuration(shape) * 1000.0));
   const bool fableOnly = windowFableOnly(shape);
   std::vector<CutoffObservation> observations;
+  const auto& events = result.events;
+  auto atOrBefore = [&](InstantMs t) {
+    return std::upper_bound(order.begin(), order.end(), t,
+                            [&](InstantMs x, size_t i) { return x < events[i].timestamp; });
+  };
   for (InstantMs c : LimitEventClustering::cluster(dates, kClusterGapSeconds)) {
+    // The window (c - duration, c], summed in time order.
     double usd = 0;
     int64_t tokens = 0;
-    for (const auto& b : result.events) {
+    for (auto it = atOrBefore(c - durationMs), end = atOrBefore(c); it != end; ++it) {
+      const BurnEvent& b = events[*it];
       if (fableOnly && !b.isFableFamily) continue;
-      if (b.timestamp > c - durationMs && b.timestamp <= c) {
-        usd += b.costUSD;
-        tokens += b.tokens;
-      }
+      usd += b.costUSD;
+      tokens += b.tokens;
     }
     observations.push_back({roundUSD(usd), tokens});
   }
@@ -136,8 +152,7 @@ const ShapeFacts& Walls::of(WindowShape shape) const {
 
 Result scan(const std::string& root, const PricingTable& pricing, const PreReadTree* preRead) {
   Result result;
-  std::unordered_set<std::string> seen;
-  if (preRead != nullptr) seen.reserve(preRead->assistantLines());
+  IdSet seen;
   DaemonLineDecoder decoder;
   DaemonRawLine raw;
   StringArena strings(4096);
@@ -179,8 +194,10 @@ Result scan(const std::string& root, const PricingTable& pricing, const PreReadT
 }
 
 Walls walls(const Result& result) {
-  return {factsFor(result, WindowShape::kSession), factsFor(result, WindowShape::kWeek),
-          factsFor(result, WindowShape::kWeekTopModel)};
+  // Without a limit event there is no window to sum.
+  const std::vector<size_t> order = result.limitEvents.empty() ? std::vector<size_t>{} : byTime(result.events);
+  return {factsFor(result, order, WindowShape::kSession), factsFor(result, order, WindowShape::kWeek),
+          factsFor(result, order, WindowShape::kWeekTopModel)};
 }
 
 }  // namespace ostler::WindowScan

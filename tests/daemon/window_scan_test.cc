@@ -87,6 +87,20 @@ TEST(WindowScanTest, WallsAreTheLowestOfTwoOrMoreCutoffs) {
   w = WindowScan::walls(r);
   EXPECT_EQ(w.session.latestResetInstant, t0 + 5 * hour);
   EXPECT_EQ(WindowScan::walls({}), WindowScan::Walls{});
+
+  // Events come in reading order, not in time order. A five-hour window
+  // holds what burned after its start, to the millisecond, up to and at its
+  // cut-off: $3 + $5 at the first cut-off, $7 at the second, where $100
+  // burned exactly five hours earlier.
+  r.events = {{t0 + 10 * hour, 7.0, false, 70},
+              {t0 + 3 * hour, 3.0, false, 30},
+              {t0 + 5 * hour, 100.0, false, 1000},
+              {t0 - 2 * hour + 1, 5.0, false, 50},
+              {t0 - 2 * hour, 60.0, false, 600}};
+  r.limitEvents = {{t0 + 10 * hour, true, false, std::nullopt}, {t0 + 3 * hour, true, false, std::nullopt}};
+  EXPECT_EQ(WindowScan::walls(r).session.wall, (CutoffObservation{7.0, 70}));
+  r.events[0].costUSD = 9.0;
+  EXPECT_EQ(WindowScan::walls(r).session.wall, (CutoffObservation{8.0, 80}));
 }
 
 }  // namespace
