@@ -1,5 +1,8 @@
 #include "meter/session_discovery.h"
 
+#include <dirent.h>
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <map>
@@ -18,16 +21,40 @@ bool endsWith(const std::string& s, std::string_view suffix) {
 
 }  // namespace
 
-std::vector<std::string> findJSONLFilesRecursively(const std::string& path) {
-  std::vector<std::string> out;
-  std::error_code ec;
-  fs::recursive_directory_iterator it(path, fs::directory_options::skip_permission_denied, ec);
-  if (ec) return out;
-  for (fs::recursive_directory_iterator end; it != end; it.increment(ec)) {
-    if (ec) break;
-    std::string relative = it->path().lexically_relative(path).string();
-    if (endsWith(relative, ".jsonl")) out.push_back(joinPath(path, relative));
+namespace {
+
+// Adds to `out` every file below `dir` named "*.jsonl", as `dir` + "/" + its
+// path below. Links are listed but never entered, so a link cannot lead the
+// walk in a circle; a folder that cannot be opened is passed over.
+void collectJSONLFiles(const std::string& dir, std::vector<std::string>& out) {
+  DIR* d = ::opendir(dir.c_str());
+  if (d == nullptr) return;
+  std::vector<std::string> folders;
+  while (const dirent* e = ::readdir(d)) {
+    std::string_view name = e->d_name;
+    if (name == "." || name == "..") continue;
+    std::string path = joinPath(dir, name);
+    bool isFolder = e->d_type == DT_DIR;
+    if (e->d_type == DT_UNKNOWN) {
+      struct stat st;
+      isFolder = ::lstat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    }
+    if (isFolder)
+      folders.push_back(std::move(path));
+    else if (name.ends_with(".jsonl"))
+      out.push_back(std::move(path));
   }
+  ::closedir(d);
+  for (const auto& folder : folders) collectJSONLFiles(folder, out);
+}
+
+}  // namespace
+
+std::vector<std::string> findJSONLFilesRecursively(const std::string& path) {
+  // Plain directory reads: the walk runs for every chat with subagents, on
+  // every pass of the daemon.
+  std::vector<std::string> out;
+  collectJSONLFiles(path, out);
   std::sort(out.begin(), out.end());
   return out;
 }

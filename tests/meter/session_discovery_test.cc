@@ -37,6 +37,18 @@ TEST(SessionDiscoveryTest, ASessionIsATopLevelFileAndItsSubagents) {
   EXPECT_TRUE(findJSONLFilesRecursively((root / "missing").string()).empty());
 }
 
+TEST(SessionDiscoveryTest, TheWalkListsLinksButNeverEntersThem) {
+  testing::TempDir dir;
+  const auto root = dir.path();
+  writeFile(root / "b" / "deep.jsonl", "{}\n");
+  writeFile(root / "a.jsonl" / "inner.jsonl", "{}\n");  // a folder of that name is walked, not listed
+  std::filesystem::create_directory_symlink(root, root / "b" / "loop");
+  std::filesystem::create_symlink(root / "b" / "deep.jsonl", root / "c.jsonl");
+  const std::string r = root.string();
+  EXPECT_EQ(findJSONLFilesRecursively(r),
+            (std::vector<std::string>{r + "/a.jsonl/inner.jsonl", r + "/b/deep.jsonl", r + "/c.jsonl"}));
+}
+
 TEST(SessionDiscoveryTest, SessionsOfOneIdAreReadInTheOrderOfTheirProjects) {
   Tree tree;
   // The same request in two projects counts once, in the project read first.
