@@ -87,10 +87,10 @@ struct InitialPassResult {
   double todayWindowedSeconds = 0;
   double windowScanSeconds = 0;
   LiveEngine::TodayAccumulatorSnapshot accumulatorSnapshot;  // today after the live poll
-  // The engine's state as the pass left it, walls included, encoded for
-  // saving on a core the pass left free: the save after the pass only
-  // writes it. Empty when the pass did not prepare it.
-  std::string encodedState;
+  // The engine's state as the pass leaves it, walls included, was saved to
+  // `scratchPath` on a core the meter's fold left free: the save that
+  // follows the pass need not write it again.
+  bool stateSaved = false;
 };
 
 struct TickOutcome {
@@ -116,8 +116,8 @@ struct TickOutcome {
 // Five jobs at once: the live engine's poll, the lifetime and today meter
 // passes, the window scan and today's tokens from a fresh read. Nothing when
 // a shutdown was requested during the pass; the jobs are always waited for.
-// Hands the walls to the engine and encodes its state for the save that
-// follows (`encodedState`). Reads the clock only to time the jobs.
+// Hands the walls to the engine and saves its state (`stateSaved`). Reads
+// the clock only to time the jobs.
 // `prepareEngine`, when given, runs first within the live engine's job (it
 // restores the saved state there, so that reading the state file overlaps
 // the meter's reading of the tree); the engine is untouched until then.
@@ -137,9 +137,9 @@ bool startOdometerRecomputeIfDue(const LiveEngine& engine, const DaemonOptions& 
 
 // Saves the engine's state (a failure is ignored) and notes the save on the
 // engine. Returns the size of the state file, 0 when it cannot be read.
-// `encodedState`, when not empty, is that state already encoded: the engine
-// must not have changed since.
-int64_t persistAndRecord(LiveEngine& engine, const DaemonOptions& options, const std::string& encodedState = {});
+// With `alreadySaved` the file holds the engine's state as it is (the
+// initial pass saved it): only the save is noted.
+int64_t persistAndRecord(LiveEngine& engine, const DaemonOptions& options, bool alreadySaved = false);
 
 // The feed at `now` from the engine's snapshots and the bundle's figures.
 // Spend is published from the windowed receipt while the last check

@@ -6,7 +6,7 @@
 #include "daemon/daemon.h"
 #include "daemon/local_day.h"
 #include "daemon/parallel_jobs.h"
-#include "daemon/persisted_state_codec.h"
+#include "daemon/persisted_state.h"
 #include "daemon/pre_read_tree.h"
 #include "daemon/today_equality_check.h"
 #include "meter/meter_engine.h"
@@ -95,12 +95,12 @@ std::optional<InitialPassResult> initialPass(LiveEngine& engine, const DaemonOpt
             result.accumulatorSnapshot = engine.todayAccumulatorSnapshot();
             if (coldStart) tokens = engine.todayTokensByFamily();
             result.liveSeconds = clock.monotonicSeconds() - start;
-            // The engine is final once it has the walls: its state is
-            // encoded here, while the meter still folds, so that the save
-            // after the pass only writes it.
+            // The engine is final once it has the walls: its state is saved
+            // here, while the meter still folds, rather than after the pass.
             wallsKnown.get_future().wait();
             engine.updateWalls(walls);
-            result.encodedState = PersistedStateCodec::encode(engine.snapshotForPersistence(options.root));
+            (void)PersistedStateIO::save(engine.snapshotForPersistence(options.root), options.scratchPath);
+            result.stateSaved = true;
           },
           [&] {
             preRead.waitUntilRead();

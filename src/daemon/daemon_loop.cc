@@ -60,8 +60,7 @@ int runForever(const DaemonOptions& options, const ShutdownSignalSource& shutdow
   FeedDiagnosticsEquality check =
       TodayEqualityCheck::check(pass->accumulatorSnapshot.spentUSD, pass->accumulatorSnapshot.turns,
                                 pass->odometerBundle.todayWindowedReceipt.totals.spent_usd, finishedAt, services.log);
-  (void)persistAndRecord(engine, options, pass->encodedState);
-  pass->encodedState = {};
+  (void)persistAndRecord(engine, options, pass->stateSaved);
   services.names.writeIfChanged(engine, finishedAt, options.namesPath);
   services.macAi.startBackfillIfNeeded(finishedAt);
 

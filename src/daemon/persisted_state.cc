@@ -31,17 +31,13 @@ std::string defaultPath(const std::string& root) {
 }
 
 Result<int64_t> save(const PersistedState& state, const std::string& path) {
-  return saveEncoded(PersistedStateCodec::encode(state), path);
-}
-
-Result<int64_t> saveEncoded(const std::string& encoded, const std::string& path) {
   std::filesystem::path dir = std::filesystem::path(path).parent_path();
   if (!dir.empty()) {
     std::error_code ec;
     std::filesystem::create_directories(dir, ec);
     if (ec) return Error{"cannot create " + dir.string() + ": " + ec.message()};
   }
-  return AtomicFile::write(path, encoded);
+  return AtomicFile::write(path, PersistedStateCodec::encode(state));
 }
 
 std::optional<PersistedState> load(const std::string& path, const std::string& expectedRoot) {

@@ -57,8 +57,6 @@ inline constexpr const char* kScratchDirectory = "/tmp/ladder-daemon-scratch";
 // Writes `state` atomically to `path`, creating its directory. Returns the
 // bytes written; on failure any earlier file stays whole.
 [[nodiscard]] Result<int64_t> save(const PersistedState& state, const std::string& path);
-// The same for a state already encoded (`PersistedStateCodec::encode`).
-[[nodiscard]] Result<int64_t> saveEncoded(const std::string& encoded, const std::string& path);
 
 // The state at `path` when it reads, decodes, has version 3 and belongs to
 // `expectedRoot`; nothing otherwise, never an error.
