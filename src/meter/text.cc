@@ -201,10 +201,21 @@ int64_t characterCount(std::string_view s, int64_t limit) {
 
 std::string_view prefixCharacters(std::string_view s, int64_t n) {
   if (n <= 0) return s.substr(0, 0);
-  if (isAscii(s)) {
+  // n characters span at most 2n bytes (a CR LF pair is one). When those and
+  // the byte after them are ASCII, every byte but an LF after a CR starts a
+  // character, whatever follows: a mark that joins onto a character is never
+  // ASCII. Long typed texts are cut this way without reading them whole.
+  const uint64_t reach = std::min<uint64_t>(s.size(), 2 * static_cast<uint64_t>(n) + 1);
+  if (isAscii(s.substr(0, static_cast<size_t>(reach)))) {
     size_t i = 0;
-    for (int64_t k = 0; k < n && i < s.size(); ++k)
-      i += (s[i] == '\r' && i + 1 < s.size() && s[i + 1] == '\n') ? 2 : 1;
+    while (n > 0 && i < s.size()) {
+      const size_t run = static_cast<size_t>(std::min<uint64_t>(s.size() - i, static_cast<uint64_t>(n)));
+      const void* cr = std::memchr(s.data() + i, '\r', run);
+      if (cr == nullptr) return s.substr(0, i + run);
+      const size_t at = static_cast<size_t>(static_cast<const char*>(cr) - s.data());
+      n -= static_cast<int64_t>(at - i) + 1;  // the characters before the CR, and the CR with its LF
+      i = at + ((at + 1 < s.size() && s[at + 1] == '\n') ? 2 : 1);
+    }
     return s.substr(0, i);
   }
   size_t end = s.size();

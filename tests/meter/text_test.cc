@@ -111,6 +111,16 @@ TEST(TextTest, CountsUserPerceivedCharacters) {
   EXPECT_EQ(prefixCharacters("\xF0\x9F\x91\x8D\xF0\x9F\x8F\xBDz", 1), "\xF0\x9F\x91\x8D\xF0\x9F\x8F\xBD");
   EXPECT_EQ(prefixCharacters("ab", 5), "ab");
   EXPECT_EQ(prefixCharacters("ab", 0), "");
+  // A cut in ASCII text stands whatever lies beyond it, but for a mark that
+  // joins the last character kept; CR LF pairs count once, on either side.
+  EXPECT_EQ(prefixCharacters("abc" + std::string(5000, 'x') + "\xC3\xA9", 2), "ab");
+  EXPECT_EQ(prefixCharacters("ab\xCC\x81" "c", 2), "ab\xCC\x81");
+  EXPECT_EQ(prefixCharacters("\r\n\r\n\rx\r\n", 3), "\r\n\r\n\r");
+  EXPECT_EQ(prefixCharacters("\r\n\r\n\rx\r\n", 5), "\r\n\r\n\rx\r\n");
+  EXPECT_EQ(prefixCharacters("a\rb\r", 9), "a\rb\r");
+  const std::string crlf = "x\r\n" + std::string(3, 'y');
+  for (int64_t n = 1; n <= 6; ++n)
+    EXPECT_EQ(prefixCharacters(crlf, n), crlf.substr(0, n == 1 ? 1 : std::min<size_t>(n + 1, crlf.size()))) << n;
 }
 
 TEST(TextTest, LastPathComponentIgnoresTrailingSlashes) {
