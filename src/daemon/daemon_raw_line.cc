@@ -41,14 +41,16 @@ bool decodeContentBlock(element e, DaemonRawContentBlock* out) {
 
 // The lenient key: a string fills `contentText`, a list whose every block
 // decodes fills `content`, anything else fills neither and fails nothing.
-void decodeContent(element value, DaemonRawMessage* m) {
+// `spare` lends its buffer to the list.
+void decodeContent(element value, DaemonRawMessage* m, std::vector<DaemonRawContentBlock>& spare) {
   switch (value.type()) {
     case simdjson::dom::element_type::STRING:
       m->contentText = std::string_view(value.get_string().value_unsafe());
       return;
     case simdjson::dom::element_type::ARRAY: {
       array a = value.get_array().value_unsafe();
-      auto& blocks = m->content.emplace();
+      auto& blocks = m->content.emplace(std::move(spare));
+      blocks.clear();
       blocks.reserve(a.size());
       for (element item : a) {
         if (!decodeContentBlock(item, &blocks.emplace_back())) {
@@ -63,7 +65,7 @@ void decodeContent(element value, DaemonRawMessage* m) {
   }
 }
 
-bool decodeMessage(element e, std::optional<DaemonRawMessage>* out) {
+bool decodeMessage(element e, std::optional<DaemonRawMessage>* out, std::vector<DaemonRawContentBlock>& spare) {
   object o;
   bool present = false;
   if (!openObject(e, &o, &present)) return false;
@@ -78,7 +80,7 @@ bool decodeMessage(element e, std::optional<DaemonRawMessage>* out) {
     } else if (k == "usage") {
       if (seen.first(1) && !decodeRawUsage(field.value, &r.usage)) ok = false;
     } else if (k == "content") {
-      if (seen.first(2)) decodeContent(field.value, &r);
+      if (seen.first(2)) decodeContent(field.value, &r, spare);
     }
     if (!ok) return false;
   }
@@ -88,6 +90,10 @@ bool decodeMessage(element e, std::optional<DaemonRawMessage>* out) {
 }  // namespace
 
 bool decodeDaemonRawLine(object root, DaemonRawLine* out) {
+  // The block list's buffer goes from one line to the next: most lines have
+  // one, and a decoder reads line after line.
+  std::vector<DaemonRawContentBlock> spare;
+  if (out->message && out->message->content) spare = std::move(*out->message->content);
   *out = DaemonRawLine{};
   bool ok = true;
   SeenKeys seen;
@@ -106,7 +112,7 @@ bool decodeDaemonRawLine(object root, DaemonRawLine* out) {
         break;
       case 7:
         if (k == "message") {
-          if (seen.first(3) && !decodeMessage(field.value, &out->message)) ok = false;
+          if (seen.first(3) && !decodeMessage(field.value, &out->message, spare)) ok = false;
         } else if (k == "aiTitle") {
           if (seen.first(4)) out->aiTitle = json::optString(field.value, ok);
         }

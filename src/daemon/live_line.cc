@@ -4,10 +4,14 @@
 
 namespace ostler {
 
-LiveLine digestLiveLine(const DaemonRawLine& raw, StringArena& arena, bool keepCwd) {
+bool surelyNamesChat(std::string_view typedText) {
+  return !typedText.empty() && typedText.front() > ' ' && typedText.front() < 0x7F;
+}
+
+LiveLine digestLiveLine(const DaemonRawLine& raw, StringArena& arena, LiveLineNeeds needs) {
   auto keep = [&arena](std::string_view s) { return arena.store(s); };
   LiveLine out;
-  if (keepCwd && raw.cwd) out.cwd = keep(*raw.cwd);
+  if (needs.cwd && raw.cwd) out.cwd = keep(*raw.cwd);
   if (!raw.type) return out;
   const std::string_view type = *raw.type;
   if (type == "assistant") {
@@ -32,7 +36,7 @@ LiveLine digestLiveLine(const DaemonRawLine& raw, StringArena& arena, bool keepC
       }
     }
     if (out.imageCount > 0 && raw.timestamp) out.instant = ISO8601::parse(*raw.timestamp);
-    if (raw.message && raw.message->contentText) {
+    if (needs.typedText && raw.message && raw.message->contentText) {
       const std::string_view typed = *raw.message->contentText;
       out.typedText = keep(text::prefixCharacters(typed, kTypedTextScanCharacters));
     }

@@ -48,9 +48,20 @@ struct LiveLine {
 // How far into typed text a chat's name is looked for.
 inline constexpr int64_t kTypedTextScanCharacters = 4000;
 
+// What a reader still needs of a line beyond its figures: lines read after
+// one that named the project, or that named the chat, need not carry
+// `cwd` or `typedText` again.
+struct LiveLineNeeds {
+  bool cwd = true;
+  bool typedText = true;
+};
+
 // Digests `raw`, copying its strings into `arena`; typed text is cut to
-// kTypedTextScanCharacters. `keepCwd` false leaves `cwd` empty, for lines
-// whose folder can no longer matter.
-[[nodiscard]] LiveLine digestLiveLine(const DaemonRawLine& raw, StringArena& arena, bool keepCwd = true);
+// kTypedTextScanCharacters. What `needs` leaves out stays empty.
+[[nodiscard]] LiveLine digestLiveLine(const DaemonRawLine& raw, StringArena& arena, LiveLineNeeds needs = {});
+
+// Whether typed text surely names its chat: its first character is one of
+// those the name keeps (not white space). False may still name it.
+[[nodiscard]] bool surelyNamesChat(std::string_view typedText);
 
 }  // namespace ostler

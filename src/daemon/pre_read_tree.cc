@@ -25,9 +25,10 @@ void PreReadTree::SliceLines::line(uint64_t begin, uint64_t end, bool terminated
   out.whole = terminated;
   out.decoded = root != nullptr && decodeDaemonRawLine(*root, &raw_);
   if (!out.decoded) return;
-  out.line = digestLiveLine(raw_, strings_, !folderNamed_);
+  out.line = digestLiveLine(raw_, strings_, {.cwd = !folderNamed_, .typedText = !chatNamed_});
   if (out.line.type == LiveLine::Type::kAssistant) ++assistantLines_;
   if (!out.line.cwd.empty() && !text::lastPathComponent(out.line.cwd).empty()) folderNamed_ = true;
+  if (out.line.typedText && surelyNamesChat(*out.line.typedText)) chatNamed_ = true;
 }
 
 std::unique_ptr<LineTap::Slice> PreReadTree::openSlice() const { return std::make_unique<SliceLines>(); }
@@ -39,7 +40,6 @@ void PreReadTree::take(const std::string& path, uint64_t readEnd, std::unique_pt
   auto* lines = static_cast<SliceLines*>(slice.get());
   size_t size = 0;
   if (lines != nullptr) {
-    lines->lines_.shrink_to_fit();
     lines->raw_ = {};  // the decoder's scratch is of no further use
     size = lines->bytes();
   }

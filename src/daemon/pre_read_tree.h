@@ -42,7 +42,10 @@ class PreReadTree final : public LineTap {
     uint64_t wholeLinesEnd_ = 0;
     size_t assistantLines_ = 0;
     bool tooLong_ = false;
-    bool folderNamed_ = false;  // a line's folder named the project: later folders cannot matter
+    // A line named the project, or the chat: later lines of the file are
+    // read after it, so their folders, or their typed text, cannot matter.
+    bool folderNamed_ = false;
+    bool chatNamed_ = false;
   };
 
   // Gathers at most about `maxBytes`; files past that are left to disk.

@@ -67,6 +67,13 @@ TEST(PreReadTreeTest, FoldingGatheredLinesEqualsReadingTheTree) {
                           "   ", testing::userTextLine("  name\tthis   chat  "),
                           testing::limitLine("2026-03-10T11:00:00.000Z", "weekly limit reached")}) +
                         R"({"type":"assistant","requestId":"torn")");
+  // Chats named late, or at once and then typed on: the later typed texts
+  // matter only in the first.
+  testing::writeFile(std::filesystem::path(root) / "-typed" / "late.jsonl",
+            jsonl({testing::userTextLine(" "), testing::userTextLine("\n\t"), testing::userTextLine("  spaced name"),
+                   testing::userTextLine("later prompt")}));
+  testing::writeFile(std::filesystem::path(root) / "-typed" / "early.jsonl",
+            jsonl({testing::userTextLine("first prompt"), testing::userTextLine(" "), testing::userTextLine("second")}));
   const InstantMs now = systemClock().nowMs();
 
   PreReadTree preRead(Odometer::kPreReadBytes);
