@@ -89,7 +89,7 @@ struct InitialPassResult {
   LiveEngine::TodayAccumulatorSnapshot accumulatorSnapshot;  // today after the live poll
   // The engine's state as the pass leaves it, walls included, was saved to
   // `scratchPath` on a core the meter's fold left free: the save that
-  // follows the pass need not write it again.
+  // follows the pass need not write it again. False when that save failed.
   bool stateSaved = false;
 };
 

@@ -99,8 +99,8 @@ std::optional<InitialPassResult> initialPass(LiveEngine& engine, const DaemonOpt
             // here, while the meter still folds, rather than after the pass.
             wallsKnown.get_future().wait();
             engine.updateWalls(walls);
-            (void)PersistedStateIO::save(engine.snapshotForPersistence(options.root), options.scratchPath);
-            result.stateSaved = true;
+            // A failed save is left to the save after the pass, which tries again.
+            result.stateSaved = PersistedStateIO::save(engine.snapshotForPersistence(options.root), options.scratchPath).ok();
           },
           [&] {
             preRead.waitUntilRead();

@@ -1,6 +1,7 @@
 // A handful of jobs run at once, each on a thread of its own, for the heavy
-// passes of the daemon (the initial pass, the recompute). The jobs must not
-// share mutable state; each writes only its own result.
+// passes of the daemon (the initial pass, the recompute). Each job writes
+// only its own result; one may wait for another's through an explicit
+// hand-off (a promise), which holds because no job waits for a free thread.
 #pragma once
 
 #include <condition_variable>

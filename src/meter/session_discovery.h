@@ -24,8 +24,9 @@ struct SessionGroup {
 // directory. What cannot be listed is passed over.
 [[nodiscard]] std::vector<SessionGroup> discoverSessionGroups(const std::string& root);
 
-// Full paths of every descendant of `path` whose relative path ends in
-// ".jsonl", sorted; empty when `path` cannot be walked.
+// Full paths of every file below `path` whose name ends in ".jsonl", sorted;
+// links are listed but never entered, folders of any name are walked and
+// not listed. Empty when `path` cannot be walked.
 [[nodiscard]] std::vector<std::string> findJSONLFilesRecursively(const std::string& path);
 
 // One file for a main file, plus one per subagent file.

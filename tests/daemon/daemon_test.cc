@@ -444,6 +444,14 @@ TEST(InitialPassTest, FiguresOfEveryJobOnColdAndWarmStarts) {
   EXPECT_EQ(third->accumulatorSnapshot.spentUSD, 1.0);
   EXPECT_EQ(third->odometerBundle.todayWindowedReceipt.totals.spent_usd, 0.0);
   EXPECT_EQ(third->odometerBundle.windowedTokensByFamily, (std::map<std::string, int64_t>{}));
+
+  // A save that fails within the pass is left to the save after it.
+  writeFile(h.dir.path() / "not-a-folder", "");
+  h.options.scratchPath = (h.dir.path() / "not-a-folder" / "state.json").string();
+  LiveEngine unsaved(h.options.pricing, "UTC");
+  auto fourth = Daemon::initialPass(unsaved, h.options, kNow, nullptr, nullptr, h.clock);
+  ASSERT_TRUE(fourth);
+  EXPECT_FALSE(fourth->stateSaved);
 }
 
 TEST(PersistAndRecordTest, CountsEverySaveAndAFailedOneStillClearsDirty) {
