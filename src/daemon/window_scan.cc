@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 
 #include "daemon/case_folding.h"
@@ -90,8 +91,8 @@ class FileFold {
   bool hasPriced_ = false;
 };
 
-// The events in time order (ties in reading order), as indices into
-// `events`, so that each window is one run of them.
+// The events in time order, as indices into `events`, so that each window
+// is one run of them.
 std::vector<size_t> byTime(const std::vector<BurnEvent>& events) {
   std::vector<size_t> order(events.size());
   for (size_t i = 0; i < order.size(); ++i) order[i] = i;
@@ -117,15 +118,23 @@ ShapeFacts factsFor(const Result& result, const std::vector<size_t>& order, Wind
     return std::upper_bound(order.begin(), order.end(), t,
                             [&](InstantMs x, size_t i) { return x < events[i].timestamp; });
   };
+  std::vector<uint64_t> inWindow((events.size() + 63) / 64);
   for (InstantMs c : LimitEventClustering::cluster(dates, kClusterGapSeconds)) {
-    // The window (c - duration, c], summed in time order.
+    // The window (c - duration, c] is one run of the events in time order;
+    // its dollars are summed in reading order, as one pass over all events
+    // would sum them, so that the rounding cannot depend on the shortcut.
+    std::fill(inWindow.begin(), inWindow.end(), 0);
+    for (auto it = atOrBefore(c - durationMs), end = atOrBefore(c); it != end; ++it)
+      inWindow[*it / 64] |= uint64_t{1} << (*it % 64);
     double usd = 0;
     int64_t tokens = 0;
-    for (auto it = atOrBefore(c - durationMs), end = atOrBefore(c); it != end; ++it) {
-      const BurnEvent& b = events[*it];
-      if (fableOnly && !b.isFableFamily) continue;
-      usd += b.costUSD;
-      tokens += b.tokens;
+    for (size_t w = 0; w < inWindow.size(); ++w) {
+      for (uint64_t bits = inWindow[w]; bits != 0; bits &= bits - 1) {
+        const BurnEvent& b = events[w * 64 + static_cast<size_t>(std::countr_zero(bits))];
+        if (fableOnly && !b.isFableFamily) continue;
+        usd += b.costUSD;
+        tokens += b.tokens;
+      }
     }
     observations.push_back({roundUSD(usd), tokens});
   }

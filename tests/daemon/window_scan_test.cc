@@ -101,6 +101,15 @@ TEST(WindowScanTest, WallsAreTheLowestOfTwoOrMoreCutoffs) {
   EXPECT_EQ(WindowScan::walls(r).session.wall, (CutoffObservation{7.0, 70}));
   r.events[0].costUSD = 9.0;
   EXPECT_EQ(WindowScan::walls(r).session.wall, (CutoffObservation{8.0, 80}));
+
+  // Dollars add up in reading order, as a plain pass over the events adds
+  // them: here the dollar read first is lost to the large sum after it.
+  r.events = {{t0 + 3 * hour, 1.0, false, 1},
+              {t0 + hour, 1e16, false, 1},
+              {t0 + 2 * hour, -1e16, false, 1},
+              {t0 + 10 * hour, 5.0, false, 50}};
+  r.limitEvents = {{t0 + 3 * hour, true, false, std::nullopt}, {t0 + 10 * hour, true, false, std::nullopt}};
+  EXPECT_EQ(WindowScan::walls(r).session.wall, (CutoffObservation{0.0, 3}));
 }
 
 }  // namespace
