@@ -20,7 +20,7 @@ double macFirstUSD(const Receipt& r, std::string_view key) {
 int64_t persistAndRecord(LiveEngine& engine, const DaemonOptions& options, bool alreadySaved) {
   // A failed save is not retried at once: `isDirty` is cleared all the same,
   // so the next save waits for the next change.
-  if (!alreadySaved) (void)PersistedStateIO::save(engine.snapshotForPersistence(options.root), options.scratchPath);
+  if (!alreadySaved) (void)PersistedStateIO::save(engine.persistenceView(options.root), options.scratchPath);
   std::error_code ec;
   const uintmax_t size = std::filesystem::file_size(options.scratchPath, ec);
   const int64_t bytes = ec ? 0 : static_cast<int64_t>(size);

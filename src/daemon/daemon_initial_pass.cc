@@ -100,7 +100,7 @@ std::optional<InitialPassResult> initialPass(LiveEngine& engine, const DaemonOpt
             wallsKnown.get_future().wait();
             engine.updateWalls(walls);
             // A failed save is left to the save after the pass, which tries again.
-            result.stateSaved = PersistedStateIO::save(engine.snapshotForPersistence(options.root), options.scratchPath).ok();
+            result.stateSaved = PersistedStateIO::save(engine.persistenceView(options.root), options.scratchPath).ok();
           },
           [&] {
             preRead.waitUntilRead();

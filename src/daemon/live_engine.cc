@@ -269,6 +269,26 @@ PersistedState LiveEngine::snapshotForPersistence(const std::string& root) const
   return s;
 }
 
+PersistedStateView LiveEngine::persistenceView(const std::string& root) const {
+  return {.stateVersion = PersistedState::kVersion,
+          .root = root,
+          .fileOffsets = fileOffsets_,
+          .fileMediaState = fileMediaState_,
+          .sessionState = sessionState_,
+          .quotaLastEventAt = quotaLastEventAt_,
+          .quotaResetsNote = quotaResetsNote_,
+          .newLinesSeen = newLinesSeen_,
+          .newLinesSkipped = newLinesSkipped_,
+          .todayBoundary = todayBoundary_,
+          .todaySpentUSD = todaySpentUSD_,
+          .todayTurns = todayTurns_,
+          .todayTokensByFamily = todayTokensByFamily_,
+          .recentBurns = recentBurns_,
+          .cachedWalls = cachedWalls_,
+          .subagentLastModel = subagentLastModel_,
+          .seenRequestIds = seenRequestIds_};
+}
+
 void LiveEngine::restore(PersistedState s) {
   fileOffsets_ = std::move(s.fileOffsets);
   // The sizes seen were read against the offsets just replaced: a file must

@@ -162,6 +162,9 @@ class LiveEngine {
   // Persistence. The snapshot copies every saved field; restore replaces
   // them all and leaves `isDirty` as it was.
   [[nodiscard]] PersistedState snapshotForPersistence(const std::string& root) const;
+  // The same state borrowed, for a save without a copy; valid until the
+  // engine next changes.
+  [[nodiscard]] PersistedStateView persistenceView(const std::string& root) const;
   void restore(PersistedState state);
 
   // Limit windows. The session window starts at the later of the burn-

@@ -30,7 +30,10 @@ std::string defaultPath(const std::string& root) {
   return std::string(kScratchDirectory) + "/state-" + sha256Hex(root) + ".json";
 }
 
-Result<int64_t> save(const PersistedState& state, const std::string& path) {
+namespace {
+
+template <typename State>
+Result<int64_t> saveState(const State& state, const std::string& path) {
   std::filesystem::path dir = std::filesystem::path(path).parent_path();
   if (!dir.empty()) {
     std::error_code ec;
@@ -39,6 +42,11 @@ Result<int64_t> save(const PersistedState& state, const std::string& path) {
   }
   return AtomicFile::write(path, PersistedStateCodec::encode(state));
 }
+
+}  // namespace
+
+Result<int64_t> save(const PersistedState& state, const std::string& path) { return saveState(state, path); }
+Result<int64_t> save(const PersistedStateView& state, const std::string& path) { return saveState(state, path); }
 
 std::optional<PersistedState> load(const std::string& path, const std::string& expectedRoot) {
   try {

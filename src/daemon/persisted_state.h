@@ -12,6 +12,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "daemon/burn_event.h"
@@ -46,6 +47,28 @@ struct PersistedState {
   friend bool operator==(const PersistedState&, const PersistedState&) = default;
 };
 
+// The same fields borrowed from where they live, so that saving an engine's
+// state does not copy it first. Valid while its owner is left unchanged.
+struct PersistedStateView {
+  int64_t stateVersion = PersistedState::kVersion;
+  const std::string& root;
+  const std::map<std::string, int64_t>& fileOffsets;
+  const std::map<std::string, FileMediaState>& fileMediaState;
+  const std::map<std::string, SessionLiveState>& sessionState;
+  const std::optional<std::string>& quotaLastEventAt;
+  const std::optional<std::string>& quotaResetsNote;
+  int64_t newLinesSeen = 0;
+  int64_t newLinesSkipped = 0;
+  std::optional<InstantMs> todayBoundary;
+  double todaySpentUSD = 0;
+  int64_t todayTurns = 0;
+  const std::map<std::string, int64_t>& todayTokensByFamily;
+  const std::vector<BurnEvent>& recentBurns;
+  const std::optional<WindowScan::Walls>& cachedWalls;
+  const std::map<std::string, std::string>& subagentLastModel;
+  const std::unordered_set<std::string>& seenRequestIds;
+};
+
 namespace PersistedStateIO {
 
 inline constexpr const char* kScratchDirectory = "/tmp/ladder-daemon-scratch";
@@ -57,6 +80,7 @@ inline constexpr const char* kScratchDirectory = "/tmp/ladder-daemon-scratch";
 // Writes `state` atomically to `path`, creating its directory. Returns the
 // bytes written; on failure any earlier file stays whole.
 [[nodiscard]] Result<int64_t> save(const PersistedState& state, const std::string& path);
+[[nodiscard]] Result<int64_t> save(const PersistedStateView& state, const std::string& path);
 
 // The state at `path` when it reads, decodes, has version 3 and belongs to
 // `expectedRoot`; nothing otherwise, never an error.

@@ -295,7 +295,8 @@ void putMap(Text& out, const std::map<std::string, V>& m, Put putValue) {
 
 // Room for the whole text, so that it is built without reallocation: a
 // generous guess from the sizes of the strings and the counts of records.
-size_t sizeGuess(const PersistedState& s) {
+template <typename State>
+size_t sizeGuess(const State& s) {
   size_t n = 4096 + s.root.size() + s.recentBurns.size() * 100;
   for (const auto& id : s.seenRequestIds) n += id.size() + 3;
   for (const auto& [path, offset] : s.fileOffsets) n += path.size() + 24;
@@ -601,7 +602,10 @@ std::optional<PersistedState> decodeState(element doc, const std::string& expect
 
 }  // namespace
 
-std::string encode(const PersistedState& s) {
+namespace {
+
+template <typename State>
+std::string encodeState(const State& s) {
   Text out(sizeGuess(s));
   {
     ObjectWriter o(out);
@@ -625,9 +629,11 @@ std::string encode(const PersistedState& s) {
     {
       Text& ids = o.key("seenRequestIds");
       ids.push('[');
-      for (size_t i = 0; i < s.seenRequestIds.size(); ++i) {
-        if (i > 0) ids.push(',');
-        putString(ids, s.seenRequestIds[i]);
+      bool first = true;
+      for (const std::string& id : s.seenRequestIds) {
+        if (!first) ids.push(',');
+        first = false;
+        putString(ids, id);
       }
       ids.push(']');
     }
@@ -641,6 +647,11 @@ std::string encode(const PersistedState& s) {
   }
   return std::move(out).take();
 }
+
+}  // namespace
+
+std::string encode(const PersistedState& state) { return encodeState(state); }
+std::string encode(const PersistedStateView& state) { return encodeState(state); }
 
 std::optional<PersistedState> decode(std::string_view text, const std::string& expectedRoot, bool padded) {
   // A byte order mark is not JSON but is commonly allowed before it.

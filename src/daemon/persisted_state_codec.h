@@ -21,6 +21,7 @@ namespace ostler::PersistedStateCodec {
 // with ".0" so that it reads back as a double; NaN and infinities, which JSON
 // cannot hold, are written as null and so fail the next load.
 [[nodiscard]] std::string encode(const PersistedState& state);
+[[nodiscard]] std::string encode(const PersistedStateView& state);
 
 // The state in `text` when it is one JSON object of version 3 for
 // `expectedRoot` with every required key present and of its type; nothing

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "daemon/persisted_state.h"
+#include "daemon/persisted_state_codec.h"
 #include "line_builder.h"
 #include "support/fake_clock.h"
 #include "support/test_support.h"
@@ -421,6 +422,9 @@ TEST(InitialPassTest, FiguresOfEveryJobOnColdAndWarmStarts) {
   EXPECT_TRUE(pass->stateSaved);
   EXPECT_EQ(PersistedStateIO::load(h.options.scratchPath, h.options.root),
             cold.snapshotForPersistence(h.options.root));
+  // Saved from the engine's own fields, it is the text a copy gives.
+  EXPECT_EQ(PersistedStateCodec::encode(cold.persistenceView(h.options.root)),
+            PersistedStateCodec::encode(cold.snapshotForPersistence(h.options.root)));
 
   // A restored engine reads nothing new and its check matches, so no fresh
   // family count is read: the feed could not use it. The state is restored

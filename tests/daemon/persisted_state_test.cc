@@ -472,7 +472,10 @@ TEST(PersistedStateTest, RestartMidDayEndsWithTheFiguresOfAnEngineThatNeverStopp
     (void)steady.poll(root, now);
     (void)first.poll(root, now);
   }
-  ASSERT_TRUE(PersistedStateIO::save(first.snapshotForPersistence(root), statePath).ok());
+  // Saved as the daemon saves it, from the engine's own fields.
+  ASSERT_TRUE(PersistedStateIO::save(first.persistenceView(root), statePath).ok());
+  EXPECT_EQ(PersistedStateCodec::encode(first.persistenceView(root)),
+            PersistedStateCodec::encode(first.snapshotForPersistence(root)));
   // The first engine goes on a little before it dies, unsaved.
   appendFile(file, parts[2]);
   (void)first.poll(root, now);

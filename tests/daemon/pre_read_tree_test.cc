@@ -9,6 +9,7 @@
 #include "daemon/line_builder.h"
 #include "daemon/live_engine.h"
 #include "daemon/odometer.h"
+#include "daemon/persisted_state_codec.h"
 #include "daemon/window_scan.h"
 #include "support/test_support.h"
 
@@ -31,6 +32,8 @@ Reading readTree(const std::string& root, InstantMs now, const PreReadTree* preR
   LiveEngine engine(pricing, "Europe/Berlin");
   (void)engine.poll(root, now, nullptr, preRead);
   PersistedState state = engine.snapshotForPersistence(root);
+  // The daemon saves from the engine's own fields: the same text as a copy.
+  EXPECT_EQ(PersistedStateCodec::encode(engine.persistenceView(root)), PersistedStateCodec::encode(state));
   // A set, listed in the order of its table.
   std::sort(state.seenRequestIds.begin(), state.seenRequestIds.end());
   return {std::move(state), engine.exclusionsSnapshot(), WindowScan::scan(root, pricing, preRead),
