@@ -96,8 +96,8 @@ class FileFold {
 std::vector<size_t> byTime(const std::vector<BurnEvent>& events) {
   std::vector<size_t> order(events.size());
   for (size_t i = 0; i < order.size(); ++i) order[i] = i;
-  std::stable_sort(order.begin(), order.end(),
-                   [&](size_t a, size_t b) { return events[a].timestamp < events[b].timestamp; });
+  std::sort(order.begin(), order.end(),
+            [&](size_t a, size_t b) { return events[a].timestamp < events[b].timestamp; });
   return order;
 }
 

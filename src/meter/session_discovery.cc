@@ -4,14 +4,11 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <map>
-#include <system_error>
 
 #include "platform/directory_listing.h"
 
 namespace ostler {
-namespace fs = std::filesystem;
 
 namespace {
 
