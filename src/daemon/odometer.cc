@@ -40,7 +40,7 @@ MeterPair lifetimeAndToday(const std::string& root, const PricingTable& pricing,
   return {std::move(runs[0].receipt), std::move(runs[1].receipt)};
 }
 
-ReadingOptions readOnce(PreReadTree& preRead) { return {kKeptDigestBytes, &preRead}; }
+ReadingOptions readOnce(PreReadTree& preRead) { return {true, &preRead}; }
 
 Bundle compute(const std::string& root, const PricingTable& pricing, InstantMs boundary, InstantMs now,
                bool computeWindowedTokensByFamily, const std::string& timeZoneId) {

@@ -48,13 +48,11 @@ struct MeterPair {
                                          InstantMs now, const ProgressCallback& onProgress = nullptr,
                                          const ReadingOptions& reading = {});
 
-// The heavy pass reads the tree once for everything: the meter keeps its
-// digests for its second pass, and the lines the window scan and the live
-// engine need are gathered from the same parse. These bound what is held:
-// past them, the rest of a larger tree is read from disk again. On a 500 MB
-// tree the digests take about 75 MB and the gathered lines 45 MB, for the
-// length of the pass.
-inline constexpr size_t kKeptDigestBytes = size_t{256} << 20;
+// The heavy pass reads the tree once for everything: the meter folds both
+// its passes from one parse, and the lines the window scan and the live
+// engine need are gathered from it. The gathered lines are bounded: past
+// this, the rest of a larger tree is read from disk again. On a 500 MB tree
+// they take about 45 MB, for the length of the pass.
 inline constexpr size_t kPreReadBytes = size_t{128} << 20;
 
 // The reading options of the heavy pass, gathering into `preRead`.

@@ -131,7 +131,9 @@ void finalizeSession(SessionState& state, const std::string& folderNameFallback,
       return it == m.end() ? 0.0 : it->second;
     };
     const double rawW4 = turn.w4Candidate;
-    const double rawR2 = turn.r2Qualifies ? turn.actualCost : 0.0;
+    const bool r2Qualifies = std::any_of(turn.bashOccurrences.begin(), turn.bashOccurrences.end(),
+                                         [&](int64_t k) { return agg.qualifies(k); });
+    const double rawR2 = r2Qualifies ? turn.actualCost : 0.0;
     const double rawR1 = turn.r1Candidate;
     const double rawR3 = turn.r3Candidate.value_or(0.0);
     const double rawW1 = turn.w1Candidate;

@@ -24,7 +24,7 @@ namespace {
 
 // Slices decoded ahead of the fold; with the slice size this bounds the
 // memory held in digests, whatever the size of the tree.
-constexpr size_t kWindow = 6;
+constexpr size_t kWindow = 16;
 constexpr uint64_t kSliceBytes = 2 << 20;
 
 TranscriptLineDecoder& threadDecoder() {
@@ -222,18 +222,8 @@ SliceReading readSliceOnce(const std::string& path, const FileSlice& slice, cons
   // Unopened, or short of its end (the file shrank, or a read failed), a
   // slice must not be taken for whole.
   if (!r.digest.opened || read.cutShort) r.tap.reset();
-  // The digest is likely kept until pass two: it should hold no slack.
-  r.digest.lines.shrink_to_fit();
-  r.digest.toolUses.shrink_to_fit();
-  r.digest.toolResults.shrink_to_fit();
   finishDigest(r.digest);
   return r;
-}
-
-// Heap bytes a kept digest holds.
-size_t digestBytes(const FileDigest& d) {
-  return d.lines.capacity() * sizeof(MeterLine) + d.toolUses.capacity() * sizeof(MeterToolUse) +
-         d.toolResults.capacity() * sizeof(MeterToolResult) + d.strings.capacityBytes();
 }
 
 }  // namespace
@@ -293,19 +283,21 @@ class BashOccurrences {
   bool currentIsRepeat_ = false;
 };
 
-// Pass one's fold: files in reading order, each slice's scan folded into
-// every pass of the reading. `takeSlice(file, i)` gives slice `i`'s scan,
-// doing on the way whatever else its reading does with the slice.
-template <typename TakeSlice>
-void foldPassOne(const Plan& plan, std::vector<BashOccurrences>& counts, int64_t totalFiles,
-                 const ProgressCallback& onProgress, const Clock& clock, TakeSlice&& takeSlice) {
+// Pass one on a reading of its own, which parses only the assistant lines:
+// files in reading order, each slice's scan counted for every pass in
+// `counts`.
+void scanPassOne(const Plan& plan, std::vector<BashOccurrences>& counts, int64_t totalFiles,
+                 const ProgressCallback& onProgress, const Clock& clock) {
+  OrderedWork<FileBashScan> work(
+      plan.slices.size(), [&](size_t i) { return scanFileForBash(*plan.slices[i].first, plan.slices[i].second); },
+      workerThreads(), kWindow);
   int64_t filesOpened = 0;
   ProgressThrottle throttle(clock);
   for (const FileTask& file : plan.files) {
     bool opened = false;
     for (auto& c : counts) c.beginFile();
     for (size_t s = 0; s < file.sliceCount; ++s) {
-      FileBashScan scan = takeSlice(file, file.firstSlice + s);
+      FileBashScan scan = work.take(file.firstSlice + s);
       if (s == 0) opened = scan.opened;
       if (!opened) continue;
       for (auto& c : counts) c.fold(scan);
@@ -315,49 +307,6 @@ void foldPassOne(const Plan& plan, std::vector<BashOccurrences>& counts, int64_t
     if (onProgress && throttle.shouldReport(filesOpened == totalFiles)) onProgress({filesOpened, totalFiles, 0});
   }
   for (auto& c : counts) c.finish();
-}
-
-// Pass one over a reading shared by `counts`.
-void scanPassOne(const Plan& plan, std::vector<BashOccurrences>& counts, int64_t totalFiles,
-                 const ProgressCallback& onProgress, const Clock& clock) {
-  OrderedWork<FileBashScan> work(
-      plan.slices.size(), [&](size_t i) { return scanFileForBash(*plan.slices[i].first, plan.slices[i].second); },
-      workerThreads(), kWindow);
-  foldPassOne(plan, counts, totalFiles, onProgress, clock, [&](const FileTask&, size_t i) { return work.take(i); });
-}
-
-// Pass one on a reading that parses every line: besides the scans, it hands
-// the tap its slices and keeps digests for pass two within `keepBytes`.
-// Returns the kept digests by slice.
-std::vector<std::optional<FileDigest>> readPassOneOnce(const Plan& plan, std::vector<BashOccurrences>& counts,
-                                                       int64_t totalFiles, const ProgressCallback& onProgress,
-                                                       const Clock& clock, const ReadingOptions& reading) {
-  std::vector<std::optional<FileDigest>> kept(plan.slices.size());
-  size_t keptBytes = 0;
-  Recycler<FileDigest> spent;
-  const LineTap* tap = reading.tap;
-  OrderedWork<SliceReading> work(
-      plan.slices.size(),
-      [&](size_t i) { return readSliceOnce(*plan.slices[i].first, plan.slices[i].second, tap, spent.take()); },
-      workerThreads(), kWindow);
-  foldPassOne(plan, counts, totalFiles, onProgress, clock, [&](const FileTask& file, size_t i) {
-    SliceReading r = work.take(i);
-    // The tap hears of every slice, so that it knows a file it holds whole:
-    // one that could not be read comes without lines.
-    if (reading.tap != nullptr) reading.tap->take(*file.path, r.readEnd, std::move(r.tap));
-    // A slice that could not be opened is read again by pass two, as in the
-    // two-reading run.
-    const size_t bytes = digestBytes(r.digest);
-    if (r.digest.opened && keptBytes + bytes <= reading.keepDigestBytes) {
-      keptBytes += bytes;
-      kept[i] = std::move(r.digest);
-    } else {
-      spent.give(std::move(r.digest));
-    }
-    return std::move(r.bash);
-  });
-  if (reading.tap != nullptr) reading.tap->readingDone();
-  return kept;
 }
 
 }  // namespace
@@ -506,6 +455,109 @@ void processSessionGroup(const SessionGroup& group, const MeterOptions& options,
   finishGroup(sorted, passes);
 }
 
+namespace {
+
+// Folds every group into every pass in reading order: `foldFileOf(file,
+// path, isSubagent)` folds one file into the passes' open sessions, and
+// `endGroup(g)` takes the group's finished sessions.
+template <typename FoldFile, typename EndGroup>
+void foldGroups(const std::vector<SessionGroup>& groups, const Plan& plan, std::vector<Pass>& passes,
+                FoldFile&& foldFileOf, EndGroup&& endGroup) {
+  size_t nextFile = 0;
+  for (size_t g = 0; g < groups.size(); ++g) {
+    startGroup(groups[g], passes);
+    if (groups[g].mainFile) foldFileOf(plan.files[nextFile++], *groups[g].mainFile, false);
+    for (const auto& path : groups[g].subagentFiles) foldFileOf(plan.files[nextFile++], path, true);
+    endGroup(g);
+  }
+}
+
+// Pass two on a second reading of the tree, once pass one is counted:
+// each session is finalised as soon as its files are folded.
+void readPassTwo(const std::vector<SessionGroup>& groups, const Plan& plan, std::vector<Pass>& passes,
+                 int64_t totalFiles, const ProgressCallback& onProgress, const Clock& clock) {
+  Recycler<FileDigest> spent;
+  OrderedWork<FileDigest> work(
+      plan.slices.size(),
+      [&](size_t i) { return digestFile(*plan.slices[i].first, plan.slices[i].second, spent.take()); },
+      workerThreads(), kWindow);
+  auto giveBack = [&](FileDigest&& d) { spent.give(std::move(d)); };
+  ProgressThrottle throttle(clock);
+  foldGroups(
+      groups, plan, passes,
+      [&](const FileTask& file, const std::string& path, bool isSubagent) {
+        size_t slice = file.firstSlice;
+        foldFile(path, isSubagent, file.sliceCount, passes, [&] { return work.take(slice++); }, giveBack);
+      },
+      [&](size_t g) {
+        finishGroup(groups[g], passes);
+        if (onProgress && throttle.shouldReport(g + 1 == groups.size()))
+          onProgress({totalFiles, totalFiles, passes.front().agg->tokensMetered()});
+      });
+}
+
+// Both passes on one reading: each slice is parsed once, counted for pass
+// one, folded for pass two and handed to the tap. A session can only be
+// finalised once pass one has counted the whole tree (a command's repeats
+// may come later), so each waits until then, in order. Folding and
+// finalising add to disjoint sums, so the wait changes no figure, not even
+// in the last bit.
+void readBothPassesOnce(const std::vector<SessionGroup>& groups, const Plan& plan, std::vector<Pass>& passes,
+                        std::vector<BashOccurrences>& counts, int64_t totalFiles, const ProgressCallback& onProgress,
+                        const Clock& clock, LineTap* tap) {
+  Recycler<FileDigest> spent;
+  OrderedWork<SliceReading> work(
+      plan.slices.size(),
+      [&](size_t i) { return readSliceOnce(*plan.slices[i].first, plan.slices[i].second, tap, spent.take()); },
+      workerThreads(), kWindow);
+  auto giveBack = [&](FileDigest&& d) { spent.give(std::move(d)); };
+  std::vector<std::vector<SessionState>> waiting(passes.size());
+  int64_t filesOpened = 0;
+  ProgressThrottle throttle(clock);
+  foldGroups(
+      groups, plan, passes,
+      [&](const FileTask& file, const std::string& path, bool isSubagent) {
+        for (auto& c : counts) c.beginFile();
+        size_t slice = file.firstSlice;
+        bool opened = false;
+        foldFile(path, isSubagent, file.sliceCount, passes,
+                 [&] {
+                   SliceReading r = work.take(slice);
+                   // The tap hears of every slice, so that it knows a file it
+                   // holds whole: one that could not be read comes without lines.
+                   if (tap != nullptr)
+                     tap->take(path, r.readEnd, std::move(r.tap), slice + 1 == file.firstSlice + file.sliceCount);
+                   if (slice++ == file.firstSlice) opened = r.bash.opened;
+                   // Counted before it is folded: the fold looks up the
+                   // templates of the occurrences this count numbers.
+                   if (opened)
+                     for (auto& c : counts) c.fold(r.bash);
+                   return std::move(r.digest);
+                 },
+                 giveBack);
+        if (!opened) return;
+        ++filesOpened;
+        if (onProgress && throttle.shouldReport(filesOpened == totalFiles))
+          onProgress({filesOpened, totalFiles, passes.front().agg->tokensMetered()});
+      },
+      [&](size_t) {
+        for (size_t i = 0; i < passes.size(); ++i) {
+          SessionState& state = passes[i].state;
+          // What only the fold needed goes now rather than wait with the rest.
+          state.pendingToolUsesById = {};
+          waiting[i].push_back(std::move(state));
+        }
+      });
+  if (tap != nullptr) tap->readingDone();
+  for (auto& c : counts) c.finish();
+  for (size_t g = 0; g < groups.size(); ++g) {
+    const std::string folderName(text::lastPathComponent(groups[g].projectDirPath));
+    for (size_t i = 0; i < passes.size(); ++i) finalizeSession(waiting[i][g], folderName, *passes[i].agg);
+  }
+}
+
+}  // namespace
+
 namespace MeterEngine {
 
 std::vector<MeterRun> runAll(const std::vector<MeterOptions>& passList, const ProgressCallback& onProgress,
@@ -522,41 +574,15 @@ std::vector<MeterRun> runAll(const std::vector<MeterOptions>& passList, const Pr
     passes[i].agg = &aggs[i];
   }
 
-  // Pass one must end before pass two starts: whether a command qualifies
-  // depends on its runs later in the tree.
   std::vector<BashOccurrences> counts;
   for (auto& p : passes) counts.emplace_back(p.bounds, *p.agg);
-  std::vector<std::optional<FileDigest>> kept;
-  if (reading.keepDigestBytes > 0 || reading.tap != nullptr)
-    kept = readPassOneOnce(plan, counts, totalFiles, onProgress, clock, reading);
-  else
+  if (reading.readOnce || reading.tap != nullptr) {
+    readBothPassesOnce(groups, plan, passes, counts, totalFiles, onProgress, clock, reading.tap);
+  } else {
+    // Pass one must end before pass two starts: whether a command qualifies
+    // depends on its runs later in the tree.
     scanPassOne(plan, counts, totalFiles, onProgress, clock);
-
-  Recycler<FileDigest> spent;
-  OrderedWork<FileDigest> work(
-      plan.slices.size(),
-      [&](size_t i) {
-        // Each slice is made once, by one thread, so its kept digest is
-        // moved out without a lock.
-        if (i < kept.size() && kept[i]) return std::move(*std::exchange(kept[i], std::nullopt));
-        return digestFile(*plan.slices[i].first, plan.slices[i].second, spent.take());
-      },
-      workerThreads(), kWindow);
-  auto giveBack = [&](FileDigest&& d) { spent.give(std::move(d)); };
-  size_t nextFile = 0;
-  ProgressThrottle throttle(clock);
-  for (size_t g = 0; g < groups.size(); ++g) {
-    startGroup(groups[g], passes);
-    auto fold = [&](const std::string& path, bool isSubagent) {
-      const FileTask& file = plan.files[nextFile++];
-      size_t slice = file.firstSlice;
-      foldFile(path, isSubagent, file.sliceCount, passes, [&] { return work.take(slice++); }, giveBack);
-    };
-    if (groups[g].mainFile) fold(*groups[g].mainFile, false);
-    for (const auto& path : groups[g].subagentFiles) fold(path, true);
-    finishGroup(groups[g], passes);
-    if (onProgress && throttle.shouldReport(g + 1 == groups.size()))
-      onProgress({totalFiles, totalFiles, aggs.front().tokensMetered()});
+    readPassTwo(groups, plan, passes, totalFiles, onProgress, clock);
   }
 
   const std::string generatedAt = ISO8601::whole(clock.nowMs());

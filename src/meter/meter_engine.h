@@ -92,24 +92,25 @@ class LineTap {
   // Called on worker threads, at once.
   [[nodiscard]] virtual std::unique_ptr<Slice> openSlice() const = 0;
   // Called on the meter's calling thread: every slice of a file in order,
-  // files in the meter's order. `readEnd` is where the slice's reading
-  // stopped (the file's end for its last slice). `slice` is null when the
-  // slice could not be opened or was cut off before its end.
-  virtual void take(const std::string& path, uint64_t readEnd, std::unique_ptr<Slice> slice) = 0;
+  // files in the meter's order; `lastOfFile` marks the file's last. `readEnd`
+  // is where the slice's reading stopped (the file's end for its last
+  // slice). `slice` is null when the slice could not be opened or was cut
+  // off before its end.
+  virtual void take(const std::string& path, uint64_t readEnd, std::unique_ptr<Slice> slice, bool lastOfFile) = 0;
   // Called on the meter's calling thread once every slice is taken, before
-  // pass two: the tap's lines may be used from here on, beside pass two.
+  // sessions are finalised.
   virtual void readingDone() {}
 };
 
 // How a run reads the tree. The default reads every file twice and holds
 // memory that does not grow with the tree.
 struct ReadingOptions {
-  // Digests of the first reading kept for the second, up to about this many
-  // bytes: a file whose digests are kept is read and parsed once. Any value
-  // above 0 makes the first reading parse every line, not just the
-  // assistant ones.
-  size_t keepDigestBytes = 0;
-  // Fed from the first reading, which then parses every line.
+  // Reads and parses every file once and folds both passes from it. Each
+  // session is then held until the whole tree has been counted, since only
+  // then is it known which commands repeat: memory grows with the tree (by
+  // about 3 percent of its size).
+  bool readOnce = false;
+  // Fed from the reading, which then reads once.
   LineTap* tap = nullptr;
 };
 

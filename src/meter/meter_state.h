@@ -117,7 +117,9 @@ struct TurnRecord {
   CostMath::W1Composition w1Composition;
   double w4Candidate = 0;
   double r1Candidate = 0;
-  bool r2Qualifies = false;                // holds a qualifying Bash call
+  // The turn's Bash calls by occurrence number: whether one qualifies as a
+  // repeat is known only once the whole tree has been counted.
+  std::vector<int64_t> bashOccurrences;
   std::vector<uint64_t> r2Templates;       // their template hashes, distinct
   std::optional<double> r3Candidate;
   std::optional<std::string> day;          // first 10 characters of the timestamp
@@ -260,7 +262,8 @@ struct GlobalAggregator {
 
   // Lowers minTimestamp and raises maxTimestamp, as text; empty is ignored.
   void observe(const std::optional<std::string_view>& timestamp);
-  // Whether Bash occurrence `k` qualifies as a repeat.
+  // Whether Bash occurrence `k` qualifies as a repeat; known once the whole
+  // tree has been counted.
   [[nodiscard]] bool qualifies(int64_t k) const {
     return k >= 0 && static_cast<size_t>(k) < r2QualifyingIndices.size() && r2QualifyingIndices[static_cast<size_t>(k)];
   }

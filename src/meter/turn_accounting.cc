@@ -354,7 +354,7 @@ ContentBlocksOutcome processContentBlocks(const MeterLine& line, int64_t t, Sess
     if (use.name == "Bash" && use.hasCommand) {
       const int64_t k = agg.bashCounter++;
       TurnRecord& turn = state.turn(t);
-      if (agg.qualifies(k)) turn.r2Qualifies = true;
+      turn.bashOccurrences.push_back(k);
       if (static_cast<size_t>(k) < agg.r2TemplateForIndex.size()) {
         uint64_t hash = agg.r2TemplateForIndex[static_cast<size_t>(k)];
         if (std::find(turn.r2Templates.begin(), turn.r2Templates.end(), hash) == turn.r2Templates.end())
