@@ -87,10 +87,6 @@ struct InitialPassResult {
   double todayWindowedSeconds = 0;
   double windowScanSeconds = 0;
   LiveEngine::TodayAccumulatorSnapshot accumulatorSnapshot;  // today after the live poll
-  // The engine's state as the pass leaves it, walls included, was saved to
-  // `scratchPath` on a core the meter's fold left free: the save that
-  // follows the pass need not write it again. False when that save failed.
-  bool stateSaved = false;
 };
 
 struct TickOutcome {
@@ -116,8 +112,7 @@ struct TickOutcome {
 // Five jobs at once: the live engine's poll, the lifetime and today meter
 // passes, the window scan and today's tokens from a fresh read. Nothing when
 // a shutdown was requested during the pass; the jobs are always waited for.
-// Hands the walls to the engine and saves its state (`stateSaved`). Reads
-// the clock only to time the jobs.
+// Hands the walls to the engine. Reads the clock only to time the jobs.
 // `prepareEngine`, when given, runs first within the live engine's job (it
 // restores the saved state there, so that reading the state file overlaps
 // the meter's reading of the tree); the engine is untouched until then.
@@ -137,8 +132,8 @@ bool startOdometerRecomputeIfDue(const LiveEngine& engine, const DaemonOptions& 
 
 // Saves the engine's state (a failure is ignored) and notes the save on the
 // engine. Returns the size of the state file, 0 when it cannot be read.
-// With `alreadySaved` the file holds the engine's state as it is (the
-// initial pass saved it): only the save is noted.
+// With `alreadySaved` the file already holds the engine's state as it is
+// (saved beside the first feed's assembling): only the save is noted.
 int64_t persistAndRecord(LiveEngine& engine, const DaemonOptions& options, bool alreadySaved = false);
 
 // The feed at `now` from the engine's snapshots and the bundle's figures.

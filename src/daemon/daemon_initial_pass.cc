@@ -1,12 +1,9 @@
 // The heavy pass before the first feed: the meter's two receipts, the live
 // engine's catching up with the tree, the window scan and a fresh family
 // count, on one reading of the tree.
-#include <future>
-
 #include "daemon/daemon.h"
 #include "daemon/local_day.h"
 #include "daemon/parallel_jobs.h"
-#include "daemon/persisted_state.h"
 #include "daemon/pre_read_tree.h"
 #include "daemon/today_equality_check.h"
 #include "meter/meter_engine.h"
@@ -66,11 +63,10 @@ std::optional<InitialPassResult> initialPass(LiveEngine& engine, const DaemonOpt
 
   // The meter reads the tree once, for both receipts, and gathers on the
   // way the lines the engine and the scan read. The engine (after loading
-  // the saved state) and the scan fold those lines, files changed since
-  // excepted, which they read themselves, while the meter folds its second
-  // pass.
+  // the saved state) folds those lines file by file as the meter reads
+  // them, and the scan once the reading is done; files changed since are
+  // read from disk.
   PreReadTree preRead(Odometer::kPreReadBytes);
-  std::promise<void> wallsKnown;
   const bool stopped = runJobs(
       {
           // Both receipts come from one reading of the tree, so the two
@@ -84,10 +80,9 @@ std::optional<InitialPassResult> initialPass(LiveEngine& engine, const DaemonOpt
                   today = std::move(receipts.today);
                 }),
           [&] {
-            // The saved state loads once the reading is done, on the core
-            // the meter's second pass leaves free, rather than slow the
-            // reading down.
-            preRead.waitUntilRead();
+            // The engine catches up while the tree is read: each file it
+            // reads waits until the meter has read it, so it follows the
+            // reading and takes up the time a core would otherwise idle.
             const double start = clock.monotonicSeconds();
             if (prepareEngine) prepareEngine(engine);
             coldStart = neverPolled(engine);
@@ -95,24 +90,18 @@ std::optional<InitialPassResult> initialPass(LiveEngine& engine, const DaemonOpt
             result.accumulatorSnapshot = engine.todayAccumulatorSnapshot();
             if (coldStart) tokens = engine.todayTokensByFamily();
             result.liveSeconds = clock.monotonicSeconds() - start;
-            // The engine is final once it has the walls: its state is saved
-            // here, while the meter still folds, rather than after the pass.
-            wallsKnown.get_future().wait();
-            engine.updateWalls(walls);
-            // A failed save is left to the save after the pass, which tries again.
-            result.stateSaved = PersistedStateIO::save(engine.persistenceView(options.root), options.scratchPath).ok();
           },
           [&] {
             preRead.waitUntilRead();
             const double start = clock.monotonicSeconds();
             walls = WindowScan::walls(WindowScan::scan(options.root, options.pricing, &preRead));
             result.windowScanSeconds = clock.monotonicSeconds() - start;
-            wallsKnown.set_value();
           },
       },
       shutdownSignal);
   result.todayWindowedSeconds = result.lifetimeSeconds;
   if (stopped) return std::nullopt;
+  engine.updateWalls(walls);
 
   // The fresh family count only ever reaches the feed when today's check
   // diverges (it then stands for the accumulator), so after a warm start it

@@ -1,5 +1,6 @@
 // The loop itself: start-up, the initial pass, and the tick.
 #include <chrono>
+#include <future>
 #include <thread>
 
 #include "daemon/daemon.h"
@@ -60,7 +61,6 @@ int runForever(const DaemonOptions& options, const ShutdownSignalSource& shutdow
   FeedDiagnosticsEquality check =
       TodayEqualityCheck::check(pass->accumulatorSnapshot.spentUSD, pass->accumulatorSnapshot.turns,
                                 pass->odometerBundle.todayWindowedReceipt.totals.spent_usd, finishedAt, services.log);
-  (void)persistAndRecord(engine, options, pass->stateSaved);
   services.names.writeIfChanged(engine, finishedAt, options.namesPath);
   services.macAi.startBackfillIfNeeded(finishedAt);
 
@@ -72,9 +72,18 @@ int runForever(const DaemonOptions& options, const ShutdownSignalSource& shutdow
     state->odometerBundle = bundle;
     state->lastOdometerAt = finishedAt;
   }
+  // The first save runs beside the first feed's assembling, which it would
+  // otherwise hold up: both only read the engine (the feed's memo of chat
+  // rows aside, which is not saved). The feed reports that save.
+  auto saving = std::async(std::launch::async, [&engine, &options] {
+    (void)PersistedStateIO::save(engine.persistenceView(options.root), options.scratchPath);
+  });
+  Feed feed = assembleFeed(engine, *bundle, finishedAt, options, check, {}, services);
+  saving.get();
+  (void)persistAndRecord(engine, options, true);
+  feed.diagnostics.persist = engine.persistDiagnostics();
   // The first feed exists only once the whole initial pass is done.
-  writeFeed(writer, *state, assembleFeed(engine, *bundle, finishedAt, options, check, {}, services),
-            finishedAt);
+  writeFeed(writer, *state, feed, finishedAt);
   // The pass held a large part of the tree in memory; what it freed is of
   // no use to the ticks. Returned after the first feed, which need not wait.
   releaseFreedMemory();

@@ -46,8 +46,6 @@ std::set<std::string> LiveEngine::poll(const std::string& root, InstantMs now,
   sessionsWithSubagentFiles_.clear();
   for (const DaemonFile& file : files)
     if (file.isSubagent) sessionsWithSubagentFiles_.insert(file.sessionId);
-  // A first reading of a gathered tree adds most of its request ids at once.
-  if (preRead != nullptr && seenRequestIds_.empty()) seenRequestIds_.reserve(preRead->assistantLines());
   fileSizes_->beginPoll();
   auto offsetHint = fileOffsets_.end();
   for (const DaemonFile& file : files) {

@@ -26,33 +26,34 @@ void PreReadTree::SliceLines::line(uint64_t begin, uint64_t end, bool terminated
   out.decoded = root != nullptr && decodeDaemonRawLine(*root, &raw_);
   if (!out.decoded) return;
   out.line = digestLiveLine(raw_, strings_, {.cwd = !folderNamed_, .typedText = !chatNamed_});
-  if (out.line.type == LiveLine::Type::kAssistant) ++assistantLines_;
   if (!out.line.cwd.empty() && !text::lastPathComponent(out.line.cwd).empty()) folderNamed_ = true;
   if (out.line.typedText && surelyNamesChat(*out.line.typedText)) chatNamed_ = true;
 }
 
 std::unique_ptr<LineTap::Slice> PreReadTree::openSlice() const { return std::make_unique<SliceLines>(); }
 
-void PreReadTree::take(const std::string& path, uint64_t readEnd, std::unique_ptr<LineTap::Slice> slice) {
-  File& file = files_[path];
-  if (readEnd > file.readEnd) file.readEnd = readEnd;
-  if (!file.usable) return;
+void PreReadTree::take(const std::string& path, uint64_t readEnd, std::unique_ptr<LineTap::Slice> slice,
+                       bool lastOfFile) {
   auto* lines = static_cast<SliceLines*>(slice.get());
-  size_t size = 0;
-  if (lines != nullptr) {
-    lines->raw_ = {};  // the decoder's scratch is of no further use
-    size = lines->bytes();
+  if (lines != nullptr) lines->raw_ = {};  // the decoder's scratch is of no further use
+  const size_t size = lines != nullptr ? lines->bytes() : 0;
+  {
+    std::lock_guard lock(mutex_);
+    File& file = files_[path];
+    if (readEnd > file.readEnd) file.readEnd = readEnd;
+    if (lastOfFile) file.done = true;
+    const bool fits = lines != nullptr && !lines->tooLong_ && bytes_ + size <= maxBytes_;
+    if (file.usable && fits) {
+      bytes_ += size;
+      file.slices.emplace_back(static_cast<SliceLines*>(slice.release()));
+    } else if (file.usable) {
+      // A file is served whole or not at all.
+      for (const auto& s : file.slices) bytes_ -= s->bytes();
+      file.slices.clear();
+      file.usable = false;
+    }
   }
-  if (lines == nullptr || lines->tooLong_ || bytes_ + size > maxBytes_) {
-    // A file is served whole or not at all.
-    for (const auto& s : file.slices) bytes_ -= s->bytes();
-    file.slices.clear();
-    file.usable = false;
-    return;
-  }
-  bytes_ += size;
-  assistantLines_ += lines->assistantLines_;
-  file.slices.emplace_back(static_cast<SliceLines*>(slice.release()));
+  if (lastOfFile) readCondition_.notify_all();
 }
 
 void PreReadTree::readingDone() {
@@ -68,12 +69,26 @@ void PreReadTree::waitUntilRead() const {
   readCondition_.wait(lock, [this] { return read_; });
 }
 
+size_t PreReadTree::bytes() const {
+  std::lock_guard lock(mutex_);
+  return bytes_;
+}
+
 std::optional<PreReadTree::Served> PreReadTree::serve(const std::string& path, int64_t size) const {
-  auto it = files_.find(path);
-  if (it == files_.end() || !it->second.usable || size < 0 || it->second.readEnd != static_cast<uint64_t>(size))
-    return std::nullopt;
+  const File* file = nullptr;
+  {
+    std::unique_lock lock(mutex_);
+    auto it = files_.find(path);
+    while (!read_ && (it == files_.end() || !it->second.done)) {
+      readCondition_.wait(lock);
+      it = files_.find(path);
+    }
+    if (it == files_.end() || !it->second.done) return std::nullopt;
+    file = &it->second;
+  }
+  if (!file->usable || size < 0 || file->readEnd != static_cast<uint64_t>(size)) return std::nullopt;
   Served served;
-  for (const auto& s : it->second.slices) {
+  for (const auto& s : file->slices) {
     if (s->wholeLinesEnd_ > served.wholeLinesEnd) served.wholeLinesEnd = s->wholeLinesEnd_;
     for (const Line& l : s->lines_)
       if (l.whole) served.lines.push_back(&l);

@@ -40,7 +40,6 @@ class PreReadTree final : public LineTap {
     StringArena strings_{4096};
     std::vector<Line> lines_;
     uint64_t wholeLinesEnd_ = 0;
-    size_t assistantLines_ = 0;
     bool tooLong_ = false;
     // A line named the project, or the chat: later lines of the file are
     // read after it, so their folders, or their typed text, cannot matter.
@@ -52,40 +51,45 @@ class PreReadTree final : public LineTap {
   explicit PreReadTree(size_t maxBytes) : maxBytes_(maxBytes) {}
 
   std::unique_ptr<LineTap::Slice> openSlice() const override;
-  void take(const std::string& path, uint64_t readEnd, std::unique_ptr<LineTap::Slice> slice) override;
+  void take(const std::string& path, uint64_t readEnd, std::unique_ptr<LineTap::Slice> slice,
+            bool lastOfFile) override;
   void readingDone() override;
 
-  // Blocks until the reading is done; `serve` may be called from then on,
-  // from any thread. The gathering side calls readingDone at the latest when
-  // its run ends, so that a run that never read does not leave waiters.
+  // Blocks until the reading is done. The gathering side calls readingDone
+  // at the latest when its run ends, so that a run that never read does not
+  // leave waiters.
   void waitUntilRead() const;
 
   // The file's non-blank whole lines, in order, with where they end: the
   // reading from byte 0 that a tail reader would give. Nothing when the file
-  // was not gathered whole or its size is no longer `size`.
+  // was not gathered whole or its size is no longer `size`. May be called
+  // from any thread while the reading goes on: it blocks until the file has
+  // been read, or the whole reading is done, so that a reader that follows
+  // the reading's order takes up each file as soon as it is read.
   struct Served {
     std::vector<const Line*> lines;
     uint64_t wholeLinesEnd = 0;  // just past the last line feed
   };
   [[nodiscard]] std::optional<Served> serve(const std::string& path, int64_t size) const;
 
-  [[nodiscard]] size_t bytes() const { return bytes_; }
-  // Assistant lines gathered: a bound on the request ids a reader will see.
-  [[nodiscard]] size_t assistantLines() const { return assistantLines_; }
+  // Heap bytes held in gathered lines.
+  [[nodiscard]] size_t bytes() const;
 
  private:
+  // Unchanged once `done`, so it is read without the lock from then on.
   struct File {
     std::vector<std::unique_ptr<SliceLines>> slices;
     uint64_t readEnd = 0;
     bool usable = true;
+    bool done = false;  // its last slice is taken
   };
 
   size_t maxBytes_;
-  size_t bytes_ = 0;
-  size_t assistantLines_ = 0;
-  std::unordered_map<std::string, File> files_;
+  // The lock guards the fields below it.
   mutable std::mutex mutex_;
-  mutable std::condition_variable readCondition_;
+  mutable std::condition_variable readCondition_;  // a file is done, or the reading
+  size_t bytes_ = 0;
+  std::unordered_map<std::string, File> files_;  // nodes stay put as it grows
   bool read_ = false;
 };
 

@@ -418,11 +418,7 @@ TEST(InitialPassTest, FiguresOfEveryJobOnColdAndWarmStarts) {
   EXPECT_EQ(pass->odometerBundle.windowedTokensByFamily,
             (std::map<std::string, int64_t>{{"haiku", 1'000'000}}));
   EXPECT_TRUE(cold.cachedWalls());
-  // The pass saved the engine's final state, walls included.
-  EXPECT_TRUE(pass->stateSaved);
-  EXPECT_EQ(PersistedStateIO::load(h.options.scratchPath, h.options.root),
-            cold.snapshotForPersistence(h.options.root));
-  // Saved from the engine's own fields, it is the text a copy gives.
+  // Saved from the engine's own fields, the state is the text a copy gives.
   EXPECT_EQ(PersistedStateCodec::encode(cold.persistenceView(h.options.root)),
             PersistedStateCodec::encode(cold.snapshotForPersistence(h.options.root)));
 
@@ -448,14 +444,35 @@ TEST(InitialPassTest, FiguresOfEveryJobOnColdAndWarmStarts) {
   EXPECT_EQ(third->accumulatorSnapshot.spentUSD, 1.0);
   EXPECT_EQ(third->odometerBundle.todayWindowedReceipt.totals.spent_usd, 0.0);
   EXPECT_EQ(third->odometerBundle.windowedTokensByFamily, (std::map<std::string, int64_t>{}));
+}
 
-  // A save that fails within the pass is left to the save after it.
-  writeFile(h.dir.path() / "not-a-folder", "");
-  h.options.scratchPath = (h.dir.path() / "not-a-folder" / "state.json").string();
-  LiveEngine unsaved(h.options.pricing, "UTC");
-  auto fourth = Daemon::initialPass(unsaved, h.options, kNow, nullptr, nullptr, h.clock);
-  ASSERT_TRUE(fourth);
-  EXPECT_FALSE(fourth->stateSaved);
+// Asks for a stop once a feed file exists: the loop then saves and ends at
+// its first tick, which leaves the first feed in place.
+class StopOnceFeedExists final : public ShutdownSignalSource {
+ public:
+  explicit StopOnceFeedExists(fs::path feed) : feed_(std::move(feed)) {}
+  [[nodiscard]] bool isRequested() const override { return fs::exists(feed_); }
+
+ private:
+  fs::path feed_;
+};
+
+TEST(RunForeverTest, TheFirstFeedReportsTheSaveMadeBesideIt) {
+  Harness h;
+  writeFile(h.transcript(), jsonl({dollarTurn(kNow - 3'600'000, "r1"), dollarTurn(kNow - 90'000'000, "r0")}));
+  StopOnceFeedExists stop(h.options.feedPath);
+  EXPECT_EQ(Daemon::runForever(h.options, stop, h.services()), 0);
+  const Feed feed = decodeFeedJSON(readFile(h.options.feedPath)).value();
+  EXPECT_EQ(feed.today.spent_usd, 1.0);
+  EXPECT_EQ(feed.odometer.spent_usd, 2.0);
+  // One save before the feed; the final save wrote the same state again.
+  ASSERT_TRUE(feed.diagnostics.persist);
+  const auto bytes = static_cast<int64_t>(fs::file_size(h.options.scratchPath));
+  EXPECT_EQ(*feed.diagnostics.persist, (FeedDiagnosticsPersist{1, bytes, bytes}));
+  auto saved = PersistedStateIO::load(h.options.scratchPath, h.options.root);
+  ASSERT_TRUE(saved);
+  EXPECT_TRUE(saved->cachedWalls);
+  EXPECT_EQ(saved->seenRequestIds.size(), 2u);
 }
 
 TEST(PersistAndRecordTest, CountsEverySaveAndAFailedOneStillClearsDirty) {

@@ -119,9 +119,9 @@ TEST(PreReadTreeTest, AFileWithASliceUnreadIsNotServed) {
   PreReadTree preRead(1 << 20);
   auto first = preRead.openSlice();
   first->line(0, 3, true, "{}", nullptr);
-  preRead.take("/a.jsonl", 3, std::move(first));
-  preRead.take("/b.jsonl", 3, preRead.openSlice());
-  preRead.take("/b.jsonl", 9, nullptr);
+  preRead.take("/a.jsonl", 3, std::move(first), true);
+  preRead.take("/b.jsonl", 3, preRead.openSlice(), false);
+  preRead.take("/b.jsonl", 9, nullptr, true);
   preRead.readingDone();
   preRead.waitUntilRead();
   ASSERT_TRUE(preRead.serve("/a.jsonl", 3));
