@@ -93,15 +93,15 @@ bool LiveEngine::readFile(const DaemonFile& file, int64_t size, InstantMs now, O
   auto served = start == 0 && preRead != nullptr ? preRead->serve(file.path, size) : std::nullopt;
   if (served) {
     yielded = served->wholeLinesEnd > 0;
-    for (const PreReadTree::Line* line : served->lines) {
+    served->forEachLine([&](const PreReadTree::Line& line) {
       ++newLinesSeen_;
-      if (line->decoded) {
-        process(line->line, file, now, records);
+      if (line.decoded) {
+        process(line.line, file, now, records);
       } else {
         ++newLinesSkipped_;
         recordExclusion(ExclusionReason::kParseSkip, 0);
       }
-    }
+    });
     offset = static_cast<int64_t>(served->wholeLinesEnd);
   } else {
     // A small rest (often a torn last line read again) needs no whole
@@ -154,7 +154,11 @@ void LiveEngine::process(const LiveLine& line, const DaemonFile& file, InstantMs
   switch (line.type) {
     case LiveLine::Type::kAssistant:
       processAssistant(line, session, media, now);
-      if (file.isSubagent && !line.model.empty()) subagentLastModel_[file.path] = std::string(line.model);
+      if (file.isSubagent && !line.model.empty()) {
+        // Looked up once per file: paths are long and share their start.
+        if (records.subagentModel == nullptr) records.subagentModel = &subagentLastModel_[file.path];
+        records.subagentModel->assign(line.model);
+      }
       break;
     case LiveLine::Type::kUser:
       processUser(line, media);
@@ -309,7 +313,7 @@ void LiveEngine::restore(PersistedState s) {
   subagentLastModel_ = std::move(s.subagentLastModel);
   seenRequestIds_.clear();
   seenRequestIds_.reserve(s.seenRequestIds.size());
-  for (std::string& id : s.seenRequestIds) seenRequestIds_.insert(std::move(id));
+  for (const std::string& id : s.seenRequestIds) seenRequestIds_.insert(id);
 }
 
 }  // namespace ostler

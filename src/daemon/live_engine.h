@@ -16,7 +16,6 @@
 #include <set>
 #include <string>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 #include "daemon/burn_event.h"
@@ -124,6 +123,7 @@ class LiveEngine {
   struct FileRecords {
     SessionLiveState* session = nullptr;
     FileMediaState* media = nullptr;
+    std::string* subagentModel = nullptr;  // the file's entry, once it has one
   };
 
   // Routes one decoded line of `file` to the session and file records.
@@ -232,7 +232,7 @@ class LiveEngine {
   [[nodiscard]] const std::map<std::string, FileMediaState>& fileMediaState() const { return fileMediaState_; }
   [[nodiscard]] const std::map<std::string, SessionLiveState>& sessionState() const { return sessionState_; }
   [[nodiscard]] const std::map<std::string, std::string>& subagentLastModel() const { return subagentLastModel_; }
-  [[nodiscard]] const std::unordered_set<std::string>& seenRequestIds() const { return seenRequestIds_; }
+  [[nodiscard]] const RequestIdSet& seenRequestIds() const { return seenRequestIds_; }
   [[nodiscard]] int64_t newLinesSeen() const { return newLinesSeen_; }
   [[nodiscard]] int64_t newLinesSkipped() const { return newLinesSkipped_; }
   [[nodiscard]] const ExclusionTally& exclusion(ExclusionReason r) const {
@@ -291,7 +291,7 @@ class LiveEngine {
   // so it need not be opened again.
   std::unordered_map<std::string, int64_t> sizeAtLastRead_;
   std::map<std::string, std::string> subagentLastModel_;   // newest model of each subagent file
-  std::unordered_set<std::string> seenRequestIds_;         // every request folded; never pruned
+  RequestIdSet seenRequestIds_;                            // every request folded; never pruned
   int64_t newLinesSeen_ = 0;
   int64_t newLinesSkipped_ = 0;
   std::array<ExclusionTally, kExclusionReasonCount> exclusions_{};  // in memory only

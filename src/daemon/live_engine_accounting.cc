@@ -95,12 +95,11 @@ void LiveEngine::foldRequest(const std::optional<std::string>& requestId, double
     if (f) todayTokensByFamily_[*f] += tokens;
   };
 
-  if (isNew && requestId && seenRequestIds_.contains(*requestId)) {
+  if (isNew && requestId && !seenRequestIds_.insert(*requestId)) {
     recordExclusion(ExclusionReason::kDedupRefusal, cost);
     isDuplicate = true;
     turnCounted = false;
   } else if (isNew) {
-    if (requestId) seenRequestIds_.insert(*requestId);
     turnCounted = false;
     if (countsForToday) {
       countToday(cost);

@@ -12,11 +12,11 @@
 #include <map>
 #include <optional>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 #include "daemon/burn_event.h"
 #include "daemon/file_media_state.h"
+#include "daemon/request_id_set.h"
 #include "daemon/session_live_state.h"
 #include "daemon/window_scan.h"
 #include "meter/status.h"
@@ -66,7 +66,7 @@ struct PersistedStateView {
   const std::vector<BurnEvent>& recentBurns;
   const std::optional<WindowScan::Walls>& cachedWalls;
   const std::map<std::string, std::string>& subagentLastModel;
-  const std::unordered_set<std::string>& seenRequestIds;
+  const RequestIdSet& seenRequestIds;
 };
 
 namespace PersistedStateIO {

@@ -630,7 +630,7 @@ std::string encodeState(const State& s) {
       Text& ids = o.key("seenRequestIds");
       ids.push('[');
       bool first = true;
-      for (const std::string& id : s.seenRequestIds) {
+      for (std::string_view id : s.seenRequestIds) {
         if (!first) ids.push(',');
         first = false;
         putString(ids, id);

@@ -90,8 +90,7 @@ std::optional<PreReadTree::Served> PreReadTree::serve(const std::string& path, i
   Served served;
   for (const auto& s : file->slices) {
     if (s->wholeLinesEnd_ > served.wholeLinesEnd) served.wholeLinesEnd = s->wholeLinesEnd_;
-    for (const Line& l : s->lines_)
-      if (l.whole) served.lines.push_back(&l);
+    served.slices.push_back(s.get());
   }
   return served;
 }

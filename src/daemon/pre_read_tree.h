@@ -67,8 +67,15 @@ class PreReadTree final : public LineTap {
   // been read, or the whole reading is done, so that a reader that follows
   // the reading's order takes up each file as soon as it is read.
   struct Served {
-    std::vector<const Line*> lines;
+    std::vector<const SliceLines*> slices;
     uint64_t wholeLinesEnd = 0;  // just past the last line feed
+    // Calls `visit(line)` for each line served, in order.
+    template <typename Visit>
+    void forEachLine(Visit&& visit) const {
+      for (const SliceLines* s : slices)
+        for (const Line& l : s->lines_)
+          if (l.whole) visit(l);
+    }
   };
   [[nodiscard]] std::optional<Served> serve(const std::string& path, int64_t size) const;
 

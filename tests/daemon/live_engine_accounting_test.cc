@@ -173,6 +173,17 @@ TEST_F(AccountingTest, SetupCaptureMovesToAnEarlierTurnInAFileReadLater) {
   EXPECT_EQ(s->setupTax->output, 900);
 }
 
+// Each subagent file keeps the model of its own last assistant line.
+TEST_F(AccountingTest, SubagentFilesKeepTheirOwnLastModel) {
+  append({line("2026-03-10T09:00:00Z", "a1", 1, "claude-fable-5"), line("2026-03-10T09:01:00Z", "a2", 1)},
+         "s1/subagents/agent-1.jsonl");
+  append({line("2026-03-10T09:02:00Z", "b1", 1, "claude-haiku-4")}, "s1/subagents/agent-2.jsonl");
+  poll();
+  std::vector<std::string> models;
+  for (const auto& [path, model] : engine_.subagentLastModel()) models.push_back(model);
+  EXPECT_EQ(models, (std::vector<std::string>{"claude-opus-4-1", "claude-haiku-4"}));
+}
+
 TEST_F(AccountingTest, QuotaEventKeepsTheNewestSessionLimitMessage) {
   append({limitLine("2026-03-10T10:00:00.000Z", "Session limit reached \xE2\x88\x99 resets 3:00pm (UTC)")});
   poll();
