@@ -37,7 +37,7 @@ std::string projectName(const SessionState& state, const std::string& folderName
 }  // namespace
 
 void flushMediaRun(const std::vector<const MediaEvent*>& run, const std::string& sessionId,
-                   const std::string& project, const std::map<int64_t, double>& keepRatioR1,
+                   const std::string& project, const std::vector<double>& keepRatioR1,
                    GlobalAggregator& agg) {
   if (run.empty()) return;
   int64_t images = 0;
@@ -51,8 +51,8 @@ void flushMediaRun(const std::vector<const MediaEvent*>& run, const std::string&
   for (const MediaEvent* e : run) {
     loop.rawUsd += e->usd;
     if (e->entryTurn) {
-      auto it = keepRatioR1.find(*e->entryTurn);
-      loop.usd += e->usd * (it == keepRatioR1.end() ? 0.0 : it->second);
+      const auto t = static_cast<size_t>(*e->entryTurn);
+      loop.usd += e->usd * (t < keepRatioR1.size() ? keepRatioR1[t] : 0.0);
     }
     files.insert(e->filePath);
   }
@@ -83,7 +83,9 @@ void finalizeSession(SessionState& state, const std::string& folderNameFallback,
 
   // 3. Raw W2: every read of a path after the first enters the next turn at
   // its input rate, then rides along as cached context.
-  std::map<int64_t, double> rawW2;
+  // Figures by turn, indexed by turn number (index 0 unused).
+  const auto turnSlots = static_cast<size_t>(n) + 1;
+  std::vector<double> rawW2(turnSlots, 0.0);
   std::vector<DuplicatePath> duplicates;
   for (const auto& [path, occurrences] : state.readOccurrenceTurns) {  // sorted by path
     if (occurrences.size() < 2) continue;
@@ -95,7 +97,7 @@ void finalizeSession(SessionState& state, const std::string& folderNameFallback,
       const int64_t next = occurrences[i] + 1;
       if (!hasTurn(next)) continue;
       const double amount = state.turn(next).rate.input * tokens / 1e6;
-      rawW2[next] += amount;
+      rawW2[static_cast<size_t>(next)] += amount;
       dup.contributions.push_back({next, amount});
       for (int64_t k = next + 1; k <= n; ++k) agg.carriedDuplicatesReadUSD += state.turn(k).rate.cacheRead * tokens / 1e6;
     }
@@ -103,20 +105,20 @@ void finalizeSession(SessionState& state, const std::string& folderNameFallback,
   }
 
   // 4. Raw W3: all of a large result past its first 2,000 tokens.
-  std::map<int64_t, double> rawW3;
+  std::vector<double> rawW3(turnSlots, 0.0);
   std::vector<Dump> dumps;
   for (const auto& large : state.pendingLargeResults) {
     const int64_t next = large.toolUseTurn + 1;
     if (!hasTurn(next)) continue;
     const double excess = double(large.tokens - 2000);
     const double amount = state.turn(next).rate.input * excess / 1e6;
-    rawW3[next] += amount;
+    rawW3[static_cast<size_t>(next)] += amount;
     dumps.push_back({project + ": " + large.toolName + " dump ~" + std::to_string(large.tokens) + " tok", {next, amount}});
     for (int64_t k = next + 1; k <= n; ++k) agg.carriedDumpsReadUSD += state.turn(k).rate.cacheRead * excess / 1e6;
   }
 
   // 5-8. The cap, turn by turn, in the fixed order W4, R2, R1, R3, W1, W2, W3.
-  std::map<int64_t, double> keepW2, keepW3, keepR1;
+  std::vector<double> keepW2(turnSlots, 0.0), keepW3(turnSlots, 0.0), keepR1(turnSlots, 0.0);
   double sumW1 = 0, sumW2 = 0, sumW3 = 0, sumW4 = 0, sumR1 = 0, sumR2 = 0, sumR3 = 0;
   for (int64_t t = 1; t <= n; ++t) {
     const TurnRecord& turn = state.turn(t);
@@ -126,10 +128,6 @@ void finalizeSession(SessionState& state, const std::string& folderNameFallback,
       remaining -= kept;
       return kept;
     };
-    auto rawOf = [](const std::map<int64_t, double>& m, int64_t t) {
-      auto it = m.find(t);
-      return it == m.end() ? 0.0 : it->second;
-    };
     const double rawW4 = turn.w4Candidate;
     const bool r2Qualifies = std::any_of(turn.bashOccurrences.begin(), turn.bashOccurrences.end(),
                                          [&](int64_t k) { return agg.qualifies(k); });
@@ -137,8 +135,9 @@ void finalizeSession(SessionState& state, const std::string& folderNameFallback,
     const double rawR1 = turn.r1Candidate;
     const double rawR3 = turn.r3Candidate.value_or(0.0);
     const double rawW1 = turn.w1Candidate;
-    const double rawW2t = rawOf(rawW2, t);
-    const double rawW3t = rawOf(rawW3, t);
+    const auto slot = static_cast<size_t>(t);
+    const double rawW2t = rawW2[slot];
+    const double rawW3t = rawW3[slot];
     const double w4 = take(rawW4);
     const double r2 = take(rawR2);
     const double r1 = take(rawR1);
@@ -177,9 +176,9 @@ void finalizeSession(SessionState& state, const std::string& folderNameFallback,
       const double part = r2 / double(turn.r2Templates.size());
       for (uint64_t hash : turn.r2Templates) agg.r2TemplateAttributed[hash] += part;
     }
-    keepW2[t] = ratio(w2, rawW2t);
-    keepW3[t] = ratio(w3, rawW3t);
-    keepR1[t] = ratio(r1, rawR1);
+    keepW2[slot] = ratio(w2, rawW2t);
+    keepW3[slot] = ratio(w3, rawW3t);
+    keepR1[slot] = ratio(r1, rawR1);
   }
 
   // 9.
@@ -196,14 +195,14 @@ void finalizeSession(SessionState& state, const std::string& folderNameFallback,
   // 10-11. Detail lines keep the share their turn kept.
   for (const auto& dup : duplicates) {
     double kept = 0;
-    for (const auto& c : dup.contributions) kept += c.amount * keepW2[c.turn];
+    for (const auto& c : dup.contributions) kept += c.amount * keepW2[static_cast<size_t>(c.turn)];
     if (kept > 0)
       agg.w2Candidates.push_back({project + ": " + std::string(text::lastPathComponent(dup.path)) + " read " +
                                       std::to_string(dup.occurrences) + "x",
                                   kept, id8});
   }
   for (const auto& dump : dumps) {
-    double kept = dump.contribution.amount * keepW3[dump.contribution.turn];
+    double kept = dump.contribution.amount * keepW3[static_cast<size_t>(dump.contribution.turn)];
     if (kept > 0) agg.w3Candidates.push_back({dump.text, kept, id8});
   }
 

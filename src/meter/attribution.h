@@ -20,8 +20,9 @@ namespace ostler {
 void finalizeSession(SessionState& state, const std::string& folderNameFallback, GlobalAggregator& agg);
 
 // Appends the media loop of `run` when it holds at least five images.
+// `keepRatioR1[t]` is the share of its R1 that turn t kept.
 void flushMediaRun(const std::vector<const MediaEvent*>& run, const std::string& sessionId,
-                   const std::string& project, const std::map<int64_t, double>& keepRatioR1,
+                   const std::string& project, const std::vector<double>& keepRatioR1,
                    GlobalAggregator& agg);
 
 // At the end of a subagent file: could this dispatch have run on the sonnet
