@@ -22,10 +22,16 @@
 namespace ostler {
 namespace {
 
-// Slices decoded ahead of the fold; with the slice size this bounds the
-// memory held in digests, whatever the size of the tree.
-constexpr size_t kWindow = 16;
+// Slices decoded ahead of the fold, by count and by bytes of the files: the
+// bytes bound the memory held in digests, whatever the size of the tree. A
+// reading that folds both passes goes further ahead through runs of small
+// files, so that the worker is not held up while the heavier fold works
+// through a large slice; the two-reading run keeps the shallower window that
+// holds its memory low.
+constexpr size_t kWindow = 6;
+constexpr size_t kReadOnceWindow = 16;
 constexpr uint64_t kSliceBytes = 2 << 20;
+constexpr uint64_t kAheadBytes = 6 * kSliceBytes;
 
 TranscriptLineDecoder& threadDecoder() {
   thread_local TranscriptLineDecoder decoder;
@@ -52,6 +58,7 @@ struct FileTask {
 struct Plan {
   std::vector<FileTask> files;
   std::vector<std::pair<const std::string*, FileSlice>> slices;
+  std::vector<uint64_t> sliceBytes;  // of the file, as its size was at the start
 };
 
 uint64_t fileSize(const std::string& path) {
@@ -63,9 +70,13 @@ uint64_t fileSize(const std::string& path) {
 Plan planFiles(const std::vector<SessionGroup>& groups) {
   Plan plan;
   auto add = [&](const SessionGroup& g, const std::string& path, bool isSubagent) {
-    std::vector<FileSlice> slices = sliceFile(fileSize(path), kSliceBytes);
+    const uint64_t size = fileSize(path);
+    std::vector<FileSlice> slices = sliceFile(size, kSliceBytes);
     plan.files.push_back({&g, &path, isSubagent, plan.slices.size(), slices.size()});
-    for (const auto& s : slices) plan.slices.emplace_back(&path, s);
+    for (const auto& s : slices) {
+      plan.slices.emplace_back(&path, s);
+      plan.sliceBytes.push_back(std::min(s.end, size) - std::min(s.begin, size));
+    }
   };
   for (const auto& g : groups) {
     if (g.mainFile) add(g, *g.mainFile, false);
@@ -290,7 +301,7 @@ void scanPassOne(const Plan& plan, std::vector<BashOccurrences>& counts, int64_t
                  const ProgressCallback& onProgress, const Clock& clock) {
   OrderedWork<FileBashScan> work(
       plan.slices.size(), [&](size_t i) { return scanFileForBash(*plan.slices[i].first, plan.slices[i].second); },
-      workerThreads(), kWindow);
+      workerThreads(), kWindow, plan.sliceBytes, kAheadBytes);
   int64_t filesOpened = 0;
   ProgressThrottle throttle(clock);
   for (const FileTask& file : plan.files) {
@@ -480,7 +491,7 @@ void readPassTwo(const std::vector<SessionGroup>& groups, const Plan& plan, std:
   OrderedWork<FileDigest> work(
       plan.slices.size(),
       [&](size_t i) { return digestFile(*plan.slices[i].first, plan.slices[i].second, spent.take()); },
-      workerThreads(), kWindow);
+      workerThreads(), kWindow, plan.sliceBytes, kAheadBytes);
   auto giveBack = [&](FileDigest&& d) { spent.give(std::move(d)); };
   ProgressThrottle throttle(clock);
   foldGroups(
@@ -509,7 +520,7 @@ void readBothPassesOnce(const std::vector<SessionGroup>& groups, const Plan& pla
   OrderedWork<SliceReading> work(
       plan.slices.size(),
       [&](size_t i) { return readSliceOnce(*plan.slices[i].first, plan.slices[i].second, tap, spent.take()); },
-      workerThreads(), kWindow);
+      workerThreads(), kReadOnceWindow, plan.sliceBytes, kAheadBytes);
   auto giveBack = [&](FileDigest&& d) { spent.give(std::move(d)); };
   std::vector<std::vector<SessionState>> waiting(passes.size());
   int64_t filesOpened = 0;

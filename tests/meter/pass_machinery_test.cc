@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <mutex>
 #include <random>
 #include <string>
 #include <vector>
@@ -34,6 +35,43 @@ TEST(OrderedWorkTest, HandsResultsBackInIndexOrderWhateverTheThreads) {
         threads, 4);
     for (size_t i = 0; i < 200; ++i) ASSERT_EQ(work.take(i), static_cast<int>(i) * 3) << threads;
     EXPECT_LE(maxInFlight.load(), std::max<int>(1, static_cast<int>(threads)));
+  }
+}
+
+// Items made ahead of the consumer stay within the size budget (one item
+// always may be made, however large), and within the window.
+TEST(OrderedWorkTest, ReadsAheadWithinItsSizeBudget) {
+  std::vector<uint64_t> sizes(300);
+  for (size_t i = 0; i < sizes.size(); ++i) sizes[i] = i % 10 == 0 ? 50 : 1;  // a large item now and then
+  for (size_t threads : {1u, 3u}) {
+    std::mutex mutex;
+    size_t requested = 0;  // the item the consumer asks for; those past it are ahead
+    std::vector<size_t> started;
+    uint64_t worstAhead = 0;
+    size_t worstCount = 0;
+    OrderedWork<int> work(
+        sizes.size(),
+        [&](size_t i) {
+          std::lock_guard lock(mutex);
+          started.push_back(i);
+          uint64_t ahead = 0;
+          size_t count = 0;
+          for (size_t j : started)
+            if (j > requested) ahead += sizes[j], ++count;
+          if (count > 1) worstAhead = std::max(worstAhead, ahead);
+          worstCount = std::max(worstCount, count);
+          return static_cast<int>(i);
+        },
+        threads, 8, sizes, 20);
+    for (size_t i = 0; i < sizes.size(); ++i) {
+      {
+        std::lock_guard lock(mutex);
+        requested = i;
+      }
+      ASSERT_EQ(work.take(i), static_cast<int>(i));
+    }
+    EXPECT_LE(worstAhead, 20u) << threads;
+    EXPECT_LE(worstCount, 8u) << threads;
   }
 }
 
