@@ -39,7 +39,7 @@ void RequestIdSet::rehash(size_t slotCount) {
 }
 
 bool RequestIdSet::insert(std::string_view id) {
-  if (slots_.size() < slotsFor(ids_.size() + 1)) rehash(slotsFor(ids_.size() + 1));
+  if (2 * (ids_.size() + 1) > slots_.size()) rehash(slotsFor(ids_.size() + 1));
   const uint64_t hash = hashOf(id);
   const size_t i = slotOf(id, hash);
   if (slots_[i] != 0) return false;
