@@ -80,7 +80,7 @@ int runForever(const DaemonOptions& options, const ShutdownSignalSource& shutdow
   });
   Feed feed = assembleFeed(engine, *bundle, finishedAt, options, check, {}, services);
   saving.get();
-  (void)persistAndRecord(engine, options, true);
+  (void)persistAndRecord(engine, options, /*alreadySaved=*/true);
   feed.diagnostics.persist = engine.persistDiagnostics();
   // The first feed exists only once the whole initial pass is done.
   writeFeed(writer, *state, feed, finishedAt);

@@ -1,7 +1,8 @@
 // A handful of jobs run at once, each on a thread of its own, for the heavy
 // passes of the daemon (the initial pass, the recompute). Each job writes
-// only its own result; one may wait for another's through an explicit
-// hand-off (a promise), which holds because no job waits for a free thread.
+// only its own result; what one job hands to another goes through a lock of
+// its own (the gathered lines do), which holds because every job has a
+// thread and none waits for a free one.
 #pragma once
 
 #include <condition_variable>

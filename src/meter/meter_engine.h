@@ -107,8 +107,8 @@ class LineTap {
 struct ReadingOptions {
   // Reads and parses every file once and folds both passes from it. Each
   // session is then held until the whole tree has been counted, since only
-  // then is it known which commands repeat: memory grows with the tree (by
-  // about 3 percent of its size).
+  // then is it known which commands repeat: memory grows with the tree's
+  // turns.
   bool readOnce = false;
   // Fed from the reading, which then reads once.
   LineTap* tap = nullptr;
