@@ -13,21 +13,64 @@ constexpr uint64_t kLongestServedLine = TailReader::kMaxBufferBytes / 2;
 }  // namespace
 
 size_t PreReadTree::SliceLines::bytes() const {
-  return lines_.capacity() * sizeof(Line) + strings_.capacityBytes();
+  return lines_.capacity() * sizeof(Packed) + assistants_.capacity() * sizeof(AssistantFigures) +
+         rare_.capacity() * sizeof(RareFields) + strings_.capacityBytes();
 }
 
 void PreReadTree::SliceLines::line(uint64_t begin, uint64_t end, bool terminated, std::string_view trimmed,
                                    const simdjson::dom::object* root) {
   if (end - begin > kLongestServedLine) tooLong_ = true;
-  if (terminated) wholeLinesEnd_ = end;
+  if (!terminated) return;
+  wholeLinesEnd_ = end;
   if (trimmed.empty()) return;
-  Line& out = lines_.emplace_back();
-  out.whole = terminated;
+  Packed& out = lines_.emplace_back();
   out.decoded = root != nullptr && decodeDaemonRawLine(*root, &raw_);
   if (!out.decoded) return;
-  out.line = digestLiveLine(raw_, strings_, {.cwd = !folderNamed_, .typedText = !chatNamed_});
-  if (!out.line.cwd.empty() && !text::lastPathComponent(out.line.cwd).empty()) folderNamed_ = true;
-  if (out.line.typedText && surelyNamesChat(*out.line.typedText)) chatNamed_ = true;
+  const LiveLine line = digestLiveLine(raw_, strings_, {.cwd = !folderNamed_, .typedText = !chatNamed_});
+  pack(line, out);
+  if (!line.cwd.empty() && !text::lastPathComponent(line.cwd).empty()) folderNamed_ = true;
+  if (line.typedText && surelyNamesChat(*line.typedText)) chatNamed_ = true;
+}
+
+void PreReadTree::SliceLines::pack(const LiveLine& line, Packed& out) {
+  out.type = line.type;
+  out.hasInstant = line.instant.has_value();
+  out.instant = line.instant.value_or(0);
+  if (line.type == LiveLine::Type::kAssistant) {
+    out.assistant = static_cast<uint32_t>(assistants_.size());
+    assistants_.push_back({line.usage, line.model, line.requestId});
+  }
+  const bool rare = !line.cwd.empty() || line.isApiErrorMessage || line.imageCount != 0 || line.imageTokens != 0 ||
+                    line.typedText || !line.title.empty();
+  if (!rare) return;
+  out.rare = static_cast<uint32_t>(rare_.size());
+  rare_.push_back({line.cwd, line.isApiErrorMessage, line.errorText, line.timestampText, line.imageCount,
+                   line.imageTokens, line.typedText, line.title});
+}
+
+void PreReadTree::SliceLines::unpack(const Packed& in, Line& out) const {
+  out.decoded = in.decoded;
+  LiveLine& line = out.line;
+  line = LiveLine{};
+  line.type = in.type;
+  if (in.hasInstant) line.instant = in.instant;
+  if (in.assistant != kNone) {
+    const AssistantFigures& a = assistants_[in.assistant];
+    line.usage = a.usage;
+    line.model = a.model;
+    line.requestId = a.requestId;
+  }
+  if (in.rare != kNone) {
+    const RareFields& r = rare_[in.rare];
+    line.cwd = r.cwd;
+    line.isApiErrorMessage = r.isApiErrorMessage;
+    line.errorText = r.errorText;
+    line.timestampText = r.timestampText;
+    line.imageCount = r.imageCount;
+    line.imageTokens = r.imageTokens;
+    line.typedText = r.typedText;
+    line.title = r.title;
+  }
 }
 
 std::unique_ptr<LineTap::Slice> PreReadTree::openSlice() const { return std::make_unique<SliceLines>(); }

@@ -20,10 +20,10 @@ namespace ostler {
 
 class PreReadTree final : public LineTap {
  public:
+  // A served line as the folds read it.
   struct Line {
     LiveLine line;
     bool decoded = false;  // false: the line failed to decode
-    bool whole = false;    // ends in a line feed
   };
 
   // The lines a reader gathered from one slice of a file.
@@ -36,9 +36,43 @@ class PreReadTree final : public LineTap {
     friend class PreReadTree;
     [[nodiscard]] size_t bytes() const;  // heap bytes held
 
+    // A tree's worth of lines is held until the engine, which keeps an
+    // order of files of its own, gets to them: each is packed to what
+    // every line has, with the figures of assistant lines and the texts few
+    // lines carry kept apart. Only whole lines are kept; a torn last line
+    // is read again from disk.
+    static constexpr uint32_t kNone = UINT32_MAX;
+    struct Packed {
+      InstantMs instant = 0;
+      uint32_t assistant = kNone;  // index into `assistants_`
+      uint32_t rare = kNone;       // index into `rare_`
+      LiveLine::Type type = LiveLine::Type::kAbsent;
+      bool decoded = false;
+      bool hasInstant = false;
+    };
+    struct AssistantFigures {
+      TurnUsage usage;
+      std::string_view model;
+      std::string_view requestId;
+    };
+    struct RareFields {
+      std::string_view cwd;
+      bool isApiErrorMessage = false;
+      std::string_view errorText;
+      std::optional<std::string_view> timestampText;
+      int64_t imageCount = 0;
+      int64_t imageTokens = 0;
+      std::optional<std::string_view> typedText;
+      std::string_view title;
+    };
+    void pack(const LiveLine& line, Packed& out);
+    void unpack(const Packed& in, Line& out) const;
+
     DaemonRawLine raw_;
     StringArena strings_{4096};
-    std::vector<Line> lines_;
+    std::vector<Packed> lines_;
+    std::vector<AssistantFigures> assistants_;
+    std::vector<RareFields> rare_;
     uint64_t wholeLinesEnd_ = 0;
     bool tooLong_ = false;
     // A line named the project, or the chat: later lines of the file are
@@ -69,12 +103,16 @@ class PreReadTree final : public LineTap {
   struct Served {
     std::vector<const SliceLines*> slices;
     uint64_t wholeLinesEnd = 0;  // just past the last line feed
-    // Calls `visit(line)` for each line served, in order.
+    // Calls `visit(line)` for each line served, in order; `line` is valid
+    // during the call only.
     template <typename Visit>
     void forEachLine(Visit&& visit) const {
+      Line line;
       for (const SliceLines* s : slices)
-        for (const Line& l : s->lines_)
-          if (l.whole) visit(l);
+        for (const SliceLines::Packed& p : s->lines_) {
+          s->unpack(p, line);
+          visit(static_cast<const Line&>(line));
+        }
     }
   };
   [[nodiscard]] std::optional<Served> serve(const std::string& path, int64_t size) const;
