@@ -143,6 +143,36 @@ bool decodeDaemonRawLine(object root, DaemonRawLine* out) {
   return true;
 }
 
+bool daemonLineFromMeter(const RawTranscriptLine& meter, DaemonRawLine* out) {
+  std::vector<DaemonRawContentBlock> spare;
+  if (out->message && out->message->content) spare = std::move(*out->message->content);
+  *out = DaemonRawLine{};
+  out->type = meter.type;
+  out->timestamp = meter.timestamp;
+  out->sessionId = meter.sessionId;
+  out->cwd = meter.cwd;
+  out->requestId = meter.requestId;
+  if (meter.message) {
+    DaemonRawMessage& m = out->message.emplace();
+    m.model = meter.message->model;
+    m.usage = meter.message->usage;
+    m.contentText = meter.message->contentText;
+    if (meter.message->content) {
+      auto& blocks = m.content.emplace(std::move(spare));
+      blocks.clear();
+      for (const RawContentBlock& b : *meter.message->content) blocks.push_back({b.type, b.text, b.source});
+    }
+  }
+  bool ok = true;
+  const RawSideKeys& side = meter.side;
+  if (side.error) out->error = json::optString(*side.error, ok);
+  if (side.aiTitle) out->aiTitle = json::optString(*side.aiTitle, ok);
+  if (side.customTitle) out->customTitle = json::optString(*side.customTitle, ok);
+  if (side.lastPrompt) out->lastPrompt = json::optString(*side.lastPrompt, ok);
+  if (side.isApiErrorMessage) out->isApiErrorMessage = json::optBool(*side.isApiErrorMessage, ok);
+  return ok;
+}
+
 bool DaemonLineDecoder::decode(std::string_view line, bool padded, DaemonRawLine* out) {
   auto root = parser_.parse(line, padded);
   if (!root) return false;

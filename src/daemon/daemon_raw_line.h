@@ -62,6 +62,13 @@ struct DaemonRawLine {
 // the line fails to decode; `out` is then unspecified.
 [[nodiscard]] bool decodeDaemonRawLine(simdjson::dom::object root, DaemonRawLine* out);
 
+// The same reading built from the meter's decoding of the line, which reads
+// every key the two share with the same strictness: valid only when the
+// meter's decoding succeeded and, when `content` is a list, read it too (the
+// meter's blocks are stricter). Returns false when one of the keys only this
+// reading has is of the wrong type, as decoding would.
+[[nodiscard]] bool daemonLineFromMeter(const RawTranscriptLine& meter, DaemonRawLine* out);
+
 // Parser and decoder together; one per engine or scan, reused line after line.
 class DaemonLineDecoder {
  public:

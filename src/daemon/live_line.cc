@@ -8,7 +8,8 @@ bool surelyNamesChat(std::string_view typedText) {
   return !typedText.empty() && typedText.front() > ' ' && typedText.front() < 0x7F;
 }
 
-LiveLine digestLiveLine(const DaemonRawLine& raw, StringArena& arena, LiveLineNeeds needs) {
+LiveLine digestLiveLine(const DaemonRawLine& raw, StringArena& arena, LiveLineNeeds needs,
+                        const CountedImages* images) {
   auto keep = [&arena](std::string_view s) { return arena.store(s); };
   LiveLine out;
   if (needs.cwd && raw.cwd) out.cwd = keep(*raw.cwd);
@@ -27,7 +28,10 @@ LiveLine digestLiveLine(const DaemonRawLine& raw, StringArena& arena, LiveLineNe
     }
   } else if (type == "user") {
     out.type = LiveLine::Type::kUser;
-    if (raw.message && raw.message->content) {
+    if (images != nullptr) {
+      out.imageCount = images->count;
+      out.imageTokens = images->tokens;
+    } else if (raw.message && raw.message->content) {
       for (const auto& block : *raw.message->content) {
         if (block.type != "image") continue;
         ++out.imageCount;

@@ -56,9 +56,18 @@ struct LiveLineNeeds {
   bool typedText = true;
 };
 
+// A user line's images, counted and measured by another reader of the line.
+struct CountedImages {
+  int64_t count = 0;
+  int64_t tokens = 0;
+};
+
 // Digests `raw`, copying its strings into `arena`; typed text is cut to
-// kTypedTextScanCharacters. What `needs` leaves out stays empty.
-[[nodiscard]] LiveLine digestLiveLine(const DaemonRawLine& raw, StringArena& arena, LiveLineNeeds needs = {});
+// kTypedTextScanCharacters. What `needs` leaves out stays empty. With
+// `images` a user line's images are taken as counted there, not measured
+// again (Base64 text runs to megabytes).
+[[nodiscard]] LiveLine digestLiveLine(const DaemonRawLine& raw, StringArena& arena, LiveLineNeeds needs = {},
+                                      const CountedImages* images = nullptr);
 
 // Whether typed text surely names its chat: its first character is one of
 // those the name keeps (not white space). False may still name it.

@@ -18,15 +18,23 @@ size_t PreReadTree::SliceLines::bytes() const {
 }
 
 void PreReadTree::SliceLines::line(uint64_t begin, uint64_t end, bool terminated, std::string_view trimmed,
-                                   const simdjson::dom::object* root) {
+                                   const simdjson::dom::object* root, const LineTap::MeterReading* meter) {
   if (end - begin > kLongestServedLine) tooLong_ = true;
   if (!terminated) return;
   wholeLinesEnd_ = end;
   if (trimmed.empty()) return;
   Packed& out = lines_.emplace_back();
-  out.decoded = root != nullptr && decodeDaemonRawLine(*root, &raw_);
+  // Most lines are taken from the meter's decoding; a line it failed, or
+  // whose block list only its stricter blocks failed, is decoded here.
+  const bool fromMeter = meter != nullptr && !(meter->raw.message && meter->raw.message->contentListFailed);
+  const CountedImages images{fromMeter ? meter->imageCount : 0, fromMeter ? meter->imageTokens : 0};
+  if (fromMeter)
+    out.decoded = daemonLineFromMeter(meter->raw, &raw_);
+  else
+    out.decoded = root != nullptr && decodeDaemonRawLine(*root, &raw_);
   if (!out.decoded) return;
-  const LiveLine line = digestLiveLine(raw_, strings_, {.cwd = !folderNamed_, .typedText = !chatNamed_});
+  const LiveLine line = digestLiveLine(raw_, strings_, {.cwd = !folderNamed_, .typedText = !chatNamed_},
+                                       fromMeter ? &images : nullptr);
   pack(line, out);
   if (!line.cwd.empty() && !text::lastPathComponent(line.cwd).empty()) folderNamed_ = true;
   if (line.typedText && surelyNamesChat(*line.typedText)) chatNamed_ = true;

@@ -30,7 +30,7 @@ class PreReadTree final : public LineTap {
   class SliceLines final : public LineTap::Slice {
    public:
     void line(uint64_t begin, uint64_t end, bool terminated, std::string_view trimmed,
-              const simdjson::dom::object* root) override;
+              const simdjson::dom::object* root, const LineTap::MeterReading* meter) override;
 
    private:
     friend class PreReadTree;

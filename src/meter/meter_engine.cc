@@ -152,16 +152,20 @@ SliceRead readSlice(const std::string& path, const FileSlice& slice, FileDigest&
     const uint64_t end = reader->nextLineOffset();
     std::string_view trimmed = text::trimSpacesAndTabs(*line);
     std::optional<simdjson::dom::object> root;
+    std::optional<LineTap::MeterReading> reading;
     if (!trimmed.empty()) {
       root = parser.parse(trimmed, true);
       if (root && decodeRawTranscriptLine(*root, &raw)) {
         appendDigestLine(raw, lineNumber, digest);
         if (bash != nullptr) appendBashScanLine(raw, *bash);
+        if (tap != nullptr) reading.emplace(raw, digest.lines.back().imageCount, digest.lines.back().imageTokens);
       } else {
         appendSkippedLine(lineNumber, digest);
       }
     }
-    if (tap != nullptr) tap->line(begin, end, end > begin + line->size(), trimmed, root ? &*root : nullptr);
+    if (tap != nullptr)
+      tap->line(begin, end, end > begin + line->size(), trimmed, root ? &*root : nullptr,
+                reading ? &*reading : nullptr);
   }
   read.end = reader->nextLineOffset();
   return read;

@@ -76,16 +76,25 @@ struct MeterRun {
 // the meter makes anyway, so that the tree is read and parsed once.
 class LineTap {
  public:
+  // The meter's own decoding of a line, so that a reader of the same keys
+  // need not decode them again, nor measure the same images.
+  struct MeterReading {
+    const RawTranscriptLine& raw;
+    int64_t imageCount = 0;   // of a user line, as the meter counted them
+    int64_t imageTokens = 0;
+  };
+
   // One slice's lines, gathered on a worker thread.
   class Slice {
    public:
     virtual ~Slice() = default;
     // Every line of the slice in order, blank ones too: its bytes are
     // [begin, end) of the file, `end` past the line feed when `terminated`.
-    // `root` is the parsed line, null when it is blank or not JSON; it and
-    // `trimmed` are valid during the call only.
+    // `root` is the parsed line, null when it is blank or not JSON; `meter`
+    // is null when the meter's decoding failed. All are valid during the
+    // call only.
     virtual void line(uint64_t begin, uint64_t end, bool terminated, std::string_view trimmed,
-                      const simdjson::dom::object* root) = 0;
+                      const simdjson::dom::object* root, const MeterReading* meter) = 0;
   };
 
   virtual ~LineTap() = default;

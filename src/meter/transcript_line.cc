@@ -201,7 +201,7 @@ bool decodeMessage(element e, std::optional<RawMessage>* out) {
     } else if (k == "usage") {
       if (seen.first(1) && !decodeRawUsage(field.value, &r.usage)) ok = false;
     } else if (k == "content") {
-      if (seen.first(2)) decodeMessageContent(field.value, &r.content, &r.contentText);
+      if (seen.first(2)) decodeMessageContent(field.value, &r.content, &r.contentText, &r.contentListFailed);
     } else if (k == "id") {
       if (seen.first(3)) r.id = json::optString(field.value, ok);
     }
@@ -238,7 +238,7 @@ bool decodeCompactMetadata(element e, std::optional<RawCompactMetadata>* out) {
 }  // namespace
 
 void decodeMessageContent(element value, std::optional<std::vector<RawContentBlock>>* content,
-                          std::optional<std::string_view>* contentText) {
+                          std::optional<std::string_view>* contentText, bool* listFailed) {
   switch (value.type()) {
     case simdjson::dom::element_type::STRING:
       *contentText = std::string_view(value.get_string().value_unsafe());
@@ -252,6 +252,7 @@ void decodeMessageContent(element value, std::optional<std::vector<RawContentBlo
         RawContentBlock& block = blocks.emplace_back();
         if (!decodeContentBlock(item, &block)) {
           content->reset();
+          if (listFailed != nullptr) *listFailed = true;
           return;
         }
       }
@@ -284,11 +285,16 @@ bool decodeRawTranscriptLine(object root, RawTranscriptLine* out) {
       case 6:
         if (k == "isMeta" && seen.first(3)) out->isMeta = json::optBool(field.value, ok);
         break;
+      case 5:
+        if (k == "error" && seen.first(12)) out->side.error = field.value;
+        break;
       case 7:
         if (k == "message") {
           if (seen.first(4) && !decodeMessage(field.value, &out->message)) ok = false;
         } else if (k == "subtype") {
           if (seen.first(5)) out->subtype = json::optString(field.value, ok);
+        } else if (k == "aiTitle") {
+          if (seen.first(13)) out->side.aiTitle = field.value;
         }
         break;
       case 9:
@@ -300,8 +306,15 @@ bool decodeRawTranscriptLine(object root, RawTranscriptLine* out) {
           if (seen.first(8)) out->requestId = json::optString(field.value, ok);
         }
         break;
+      case 10:
+        if (k == "lastPrompt" && seen.first(14)) out->side.lastPrompt = field.value;
+        break;
       case 11:
-        if (k == "isSidechain" && seen.first(9)) out->isSidechain = json::optBool(field.value, ok);
+        if (k == "isSidechain") {
+          if (seen.first(9)) out->isSidechain = json::optBool(field.value, ok);
+        } else if (k == "customTitle") {
+          if (seen.first(15)) out->side.customTitle = field.value;
+        }
         break;
       case 15:
         if (k == "compactMetadata" && seen.first(10) && !decodeCompactMetadata(field.value, &out->compactMetadata))
@@ -309,6 +322,9 @@ bool decodeRawTranscriptLine(object root, RawTranscriptLine* out) {
         break;
       case 16:
         if (k == "isCompactSummary" && seen.first(11)) out->isCompactSummary = json::optBool(field.value, ok);
+        break;
+      case 17:
+        if (k == "isApiErrorMessage" && seen.first(16)) out->side.isApiErrorMessage = field.value;
         break;
       default:
         break;

@@ -70,12 +70,26 @@ struct RawMessage {
   std::optional<std::vector<RawContentBlock>> content;  // list form of `content`
   std::optional<std::string_view> contentText;          // string form of `content`
   std::optional<std::string_view> id;
+  // `content` was a list with a block that does not decode: a reader with
+  // laxer blocks may still read it.
+  bool contentListFailed = false;
 };
 
 struct RawCompactMetadata {
   std::optional<std::string_view> trigger;
   std::optional<int64_t> preTokens;
   std::optional<int64_t> postTokens;
+};
+
+// Keys the meter does not read, noted as they stand (first copy, any type)
+// for the live engine, which reads them from the same parse and judges their
+// types itself. They never fail the meter's line.
+struct RawSideKeys {
+  std::optional<simdjson::dom::element> error;
+  std::optional<simdjson::dom::element> aiTitle;
+  std::optional<simdjson::dom::element> customTitle;
+  std::optional<simdjson::dom::element> lastPrompt;
+  std::optional<simdjson::dom::element> isApiErrorMessage;
 };
 
 struct RawTranscriptLine {
@@ -91,6 +105,7 @@ struct RawTranscriptLine {
   std::optional<bool> isSidechain;
   std::optional<std::string_view> subtype;
   std::optional<RawCompactMetadata> compactMetadata;
+  RawSideKeys side;
 };
 
 // Decodes the object of an already parsed line. Returns false when the line
@@ -108,9 +123,10 @@ struct RawTranscriptLine {
 // split is there, even empty.
 [[nodiscard]] TurnUsage turnUsageOf(const std::optional<RawUsage>& usage);
 
-// Reads `content` leniently: fills `content` or `contentText`, or neither.
+// Reads `content` leniently: fills `content` or `contentText`, or neither;
+// `listFailed`, when given, is set when a list did not decode.
 void decodeMessageContent(simdjson::dom::element value, std::optional<std::vector<RawContentBlock>>* content,
-                          std::optional<std::string_view>* contentText);
+                          std::optional<std::string_view>* contentText, bool* listFailed = nullptr);
 
 // Parser and decoder together, reused line after line on one thread.
 class TranscriptLineDecoder {

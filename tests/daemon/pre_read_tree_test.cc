@@ -77,6 +77,21 @@ TEST(PreReadTreeTest, FoldingGatheredLinesEqualsReadingTheTree) {
                    testing::userTextLine("later prompt")}));
   testing::writeFile(std::filesystem::path(root) / "-typed" / "early.jsonl",
             jsonl({testing::userTextLine("first prompt"), testing::userTextLine(" "), testing::userTextLine("second")}));
+  // Lines the meter's decoding and the engine's own part on: keys only one
+  // of them reads, of the wrong type, and a block list only the meter's
+  // stricter blocks fail.
+  testing::writeFile(std::filesystem::path(root) / "-keys" / "keys.jsonl",
+                     jsonl({R"({"type":"ai-title","aiTitle":"kept","aiTitle":7})",
+                            R"({"type":"custom-title","customTitle":7})",
+                            R"({"type":"user","uuid":7,"message":{"content":"typed where the meter fails"}})",
+                            R"({"type":"user","timestamp":"2026-03-10T09:00:00.000Z","message":{"content":[)"
+                            R"({"type":"image","source":{"data":"QUJDREVGR0g="}},{"type":"tool_result","id":7}]}})",
+                            R"({"type":"user","timestamp":"2026-03-10T09:00:01.000Z","message":{"content":[)"
+                            R"({"type":"image","source":{"data":"QUJDRA=="}}]}})",
+                            R"({"type":"assistant","isApiErrorMessage":"yes","requestId":"r-odd"})",
+                            R"({"type":"assistant","error":"rate_limit","lastPrompt":"go","requestId":"r-err",)"
+                            R"("timestamp":"2026-03-10T09:00:02.000Z","message":{"model":"claude-sonnet-4-5",)"
+                            R"("usage":{"input_tokens":3,"output_tokens":4}}})"}));
   const InstantMs now = systemClock().nowMs();
 
   PreReadTree preRead(Odometer::kPreReadBytes);
@@ -118,7 +133,7 @@ TEST(PreReadTreeTest, FilesPastTheBudgetAreLeftToDisk) {
 TEST(PreReadTreeTest, AFileWithASliceUnreadIsNotServed) {
   PreReadTree preRead(1 << 20);
   auto first = preRead.openSlice();
-  first->line(0, 3, true, "{}", nullptr);
+  first->line(0, 3, true, "{}", nullptr, nullptr);
   preRead.take("/a.jsonl", 3, std::move(first), true);
   preRead.take("/b.jsonl", 3, preRead.openSlice(), false);
   preRead.take("/b.jsonl", 9, nullptr, true);
