@@ -9,7 +9,6 @@
 #include <thread>
 
 #include "daemon/persisted_state.h"
-#include "daemon/persisted_state_codec.h"
 #include "line_builder.h"
 #include "support/fake_clock.h"
 #include "support/test_support.h"
@@ -61,18 +60,24 @@ class CountingNames final : public NamesPublishing {
   void writeIfChanged(const LiveEngine&, InstantMs, const std::string&) override { ++writes; }
 };
 
-// Answers true from the start, but holds its first caller long enough for
-// the initial pass's wait to time out once.
-class SlowStop final : public ShutdownSignalSource {
+class StopWhen final : public ShutdownSignalSource {
  public:
-  [[nodiscard]] bool isRequested() const override {
-    if (calls_++ == 0) std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    return true;
-  }
+  explicit StopWhen(std::function<bool()> asked) : asked_(std::move(asked)) {}
+  [[nodiscard]] bool isRequested() const override { return asked_(); }
 
  private:
-  mutable std::atomic<int> calls_{0};
+  std::function<bool()> asked_;
 };
+
+// Answers true from the start, but holds its first caller long enough for
+// the initial pass's wait to time out once.
+StopWhen slowStop() {
+  auto calls = std::make_shared<std::atomic<int>>(0);
+  return StopWhen([calls] {
+    if ((*calls)++ == 0) std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    return true;
+  });
+}
 
 struct Harness {
   TempDir dir;
@@ -136,10 +141,9 @@ TEST(RecomputeGateTest, TouchesOutOfBandChecksAndTheSettledBackoff) {
     std::lock_guard lock(h.state->stateLock);
     EXPECT_FALSE(h.state->odometerInFlight);
     EXPECT_EQ(h.state->lastOdometerAt, kNow + 10'000);
-    ASSERT_TRUE(h.state->lastEqualityDiagnostics);
-    EXPECT_FALSE(h.state->lastEqualityDiagnostics->matches);
-    EXPECT_EQ(h.state->lastEqualityDiagnostics->diff_usd, 1.0);
-    EXPECT_EQ(h.state->lastEqualityDiagnostics->checked_at, ISO8601::fractional(kNow));
+    // Read at the gate, not when the recompute finished.
+    EXPECT_EQ(h.state->lastEqualityDiagnostics,
+              (FeedDiagnosticsEquality{false, 1.0, ISO8601::fractional(kNow), 1.0, 1}));
     EXPECT_EQ(h.state->odometerBundle->windowedTokensByFamily, std::nullopt);  // the check was not yet unreconciled
     EXPECT_TRUE(h.state->pendingWalls);
     EXPECT_EQ(h.state->outOfBandBackoff, (Daemon::OutOfBandBackoffState{0, 1.0}));
@@ -217,7 +221,6 @@ TEST(AssembleFeedTest, SpendTurnsWindowedOnlyOnceARecomputeBringsFreshTokens) {
   EXPECT_EQ(second.today.turns, 0);
   EXPECT_EQ(second.today.windowed_computed_at, ISO8601::fractional(kNow + 45'000));
   EXPECT_EQ(second.today.tokens_by_family.at("haiku"), 0);
-  EXPECT_EQ(h.engine.todayAccumulatorSnapshot().spentUSD, 1.0);
 
   writeFile(h.transcript(), jsonl({dollarTurn(kNow - 3'600'000, "r1")}));
   recompute(90, false);
@@ -251,9 +254,6 @@ TEST(AssembleFeedTest, MonthGaugeAndExtraUsageReasonFollowTheConfigFiles) {
   EXPECT_EQ(with.windows.month->anchor, "2026-03-10T00:00:00.000Z");
   EXPECT_EQ(with.windows.month->burn_value, 1.0);
   EXPECT_EQ(with.quota.extra_usage_disabled_reason, "out_of_credits");
-  auto decoded = decodeFeed(toJson(with));
-  ASSERT_TRUE(decoded.ok());
-  EXPECT_EQ(decoded.value().windows.month, with.windows.month);
 }
 
 // A tick with a bundle in place, as after the initial pass.
@@ -392,7 +392,7 @@ TEST(DaemonTickTest, AfterMidnightWithoutNewLinesTheOldBundleStands) {
 TEST(InitialPassTest, AShutdownWaitsForTheJobsAndLeavesNoFeed) {
   Harness h;
   writeFile(h.transcript(), jsonl({dollarTurn(kNow - 3'600'000, "r1")}));
-  SlowStop stop;
+  StopWhen stop = slowStop();
   LiveEngine engine(h.options.pricing, "UTC");
   EXPECT_EQ(Daemon::initialPass(engine, h.options, kNow, nullptr, &stop, h.clock), std::nullopt);
   // The live poll stopped at the first file.
@@ -400,7 +400,7 @@ TEST(InitialPassTest, AShutdownWaitsForTheJobsAndLeavesNoFeed) {
 
   // The same in the loop: a final save, and the previous feed is left alone.
   writeFile(h.options.feedPath, "previous");
-  SlowStop again;
+  StopWhen again = slowStop();
   EXPECT_EQ(Daemon::runForever(h.options, again, h.services()), 0);
   EXPECT_EQ(readFile(h.options.feedPath), "previous");
   EXPECT_TRUE(PersistedStateIO::load(h.options.scratchPath, h.options.root));
@@ -418,9 +418,6 @@ TEST(InitialPassTest, FiguresOfEveryJobOnColdAndWarmStarts) {
   EXPECT_EQ(pass->odometerBundle.windowedTokensByFamily,
             (std::map<std::string, int64_t>{{"haiku", 1'000'000}}));
   EXPECT_TRUE(cold.cachedWalls());
-  // Saved from the engine's own fields, the state is the text a copy gives.
-  EXPECT_EQ(PersistedStateCodec::encode(cold.persistenceView(h.options.root)),
-            PersistedStateCodec::encode(cold.snapshotForPersistence(h.options.root)));
 
   // A restored engine reads nothing new and its check matches, so no fresh
   // family count is read: the feed could not use it. The state is restored
@@ -446,21 +443,11 @@ TEST(InitialPassTest, FiguresOfEveryJobOnColdAndWarmStarts) {
   EXPECT_EQ(third->odometerBundle.windowedTokensByFamily, (std::map<std::string, int64_t>{}));
 }
 
-// Asks for a stop once a feed file exists: the loop then saves and ends at
-// its first tick, which leaves the first feed in place.
-class StopOnceFeedExists final : public ShutdownSignalSource {
- public:
-  explicit StopOnceFeedExists(fs::path feed) : feed_(std::move(feed)) {}
-  [[nodiscard]] bool isRequested() const override { return fs::exists(feed_); }
-
- private:
-  fs::path feed_;
-};
-
 TEST(RunForeverTest, TheFirstFeedReportsTheSaveMadeBesideIt) {
   Harness h;
   writeFile(h.transcript(), jsonl({dollarTurn(kNow - 3'600'000, "r1"), dollarTurn(kNow - 90'000'000, "r0")}));
-  StopOnceFeedExists stop(h.options.feedPath);
+  // Once the first feed exists, the loop saves and ends at its next tick.
+  StopWhen stop([&h] { return fs::exists(h.options.feedPath); });
   EXPECT_EQ(Daemon::runForever(h.options, stop, h.services()), 0);
   const Feed feed = decodeFeedJSON(readFile(h.options.feedPath)).value();
   EXPECT_EQ(feed.today.spent_usd, 1.0);

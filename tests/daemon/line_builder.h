@@ -4,6 +4,7 @@
 
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <ostream>
 #include <string>
 
 #include "meter/iso8601.h"
@@ -20,25 +21,22 @@ struct Usage {
 
 struct Assistant {
   std::string timestamp = "2026-03-10T10:00:00.000Z";
-  std::optional<std::string> requestId;
+  std::optional<std::string> requestId = std::nullopt;
   std::string model = "claude-opus-4-1";
   std::optional<Usage> usage = Usage{};
-  std::optional<std::string> text;  // one text block
+  std::optional<std::string> text = std::nullopt;  // one text block
   bool apiError = false;
 };
 
 inline std::string assistantLine(const Assistant& a) {
-  nlohmann::json message = {{"role", "assistant"}, {"model", a.model}};
-  if (a.usage) {
-    message["usage"] = {{"input_tokens", a.usage->input},
-                        {"output_tokens", a.usage->output},
-                        {"cache_read_input_tokens", a.usage->cacheRead},
-                        {"cache_creation_input_tokens", a.usage->cache5m + a.usage->cache1h},
-                        {"cache_creation",
-                         {{"ephemeral_5m_input_tokens", a.usage->cache5m},
-                          {"ephemeral_1h_input_tokens", a.usage->cache1h}}}};
-  }
-  message["content"] = nlohmann::json::array();
+  nlohmann::json message = {{"role", "assistant"}, {"model", a.model}, {"content", nlohmann::json::array()}};
+  if (const auto& u = a.usage)
+    message["usage"] = {
+        {"input_tokens", u->input},
+        {"output_tokens", u->output},
+        {"cache_read_input_tokens", u->cacheRead},
+        {"cache_creation_input_tokens", u->cache5m + u->cache1h},
+        {"cache_creation", {{"ephemeral_5m_input_tokens", u->cache5m}, {"ephemeral_1h_input_tokens", u->cache1h}}}};
   if (a.text) message["content"].push_back({{"type", "text"}, {"text", *a.text}});
   nlohmann::json j = {{"type", "assistant"}, {"timestamp", a.timestamp}, {"message", message}};
   if (a.requestId) j["requestId"] = *a.requestId;
@@ -49,29 +47,23 @@ inline std::string assistantLine(const Assistant& a) {
 // An assistant line of request `requestId` (none when absent) at `timestamp`.
 inline std::string turnLine(const std::string& timestamp, const std::optional<std::string>& requestId,
                             const Usage& usage, const std::string& model = "claude-opus-4-1") {
-  Assistant a;
-  a.timestamp = timestamp;
-  a.requestId = requestId;
-  a.model = model;
-  a.usage = usage;
-  return assistantLine(a);
+  return assistantLine({.timestamp = timestamp, .requestId = requestId, .model = model, .usage = usage});
 }
 
 // A limit message: the synthetic API error Claude Code writes when the user
 // is cut off.
 inline std::string limitLine(const std::string& timestamp, const std::string& text) {
-  Assistant a;
-  a.timestamp = timestamp;
-  a.model = "<synthetic>";
-  a.text = text;
-  a.apiError = true;
-  return assistantLine(a);
+  return assistantLine({.timestamp = timestamp, .model = "<synthetic>", .text = text, .apiError = true});
 }
 
-// A user line whose content is typed text.
+// A user line; `content` is typed text or a list of blocks.
+inline std::string userLine(const nlohmann::json& content, const std::string& timestamp) {
+  const nlohmann::json message = {{"role", "user"}, {"content", content}};
+  return nlohmann::json{{"type", "user"}, {"timestamp", timestamp}, {"message", message}}.dump();
+}
+
 inline std::string userTextLine(const std::string& text, const std::string& timestamp = "2026-03-10T09:59:00.000Z") {
-  return nlohmann::json{{"type", "user"}, {"timestamp", timestamp}, {"message", {{"role", "user"}, {"content", text}}}}
-      .dump();
+  return userLine(text, timestamp);
 }
 
 // A user line holding `images` image blocks of `base64Chars` characters each.
@@ -79,12 +71,21 @@ inline std::string userImageLine(int images, size_t base64Chars,
                                  const std::string& timestamp = "2026-03-10T09:59:00.000Z") {
   nlohmann::json content = nlohmann::json::array();
   for (int i = 0; i < images; ++i)
-    content.push_back(
-        {{"type", "image"}, {"source", {{"type", "base64"}, {"data", std::string(base64Chars, 'A')}}}});
-  return nlohmann::json{{"type", "user"}, {"timestamp", timestamp}, {"message", {{"role", "user"}, {"content", content}}}}
-      .dump();
+    content.push_back({{"type", "image"}, {"source", {{"type", "base64"}, {"data", std::string(base64Chars, 'A')}}}});
+  return userLine(content, timestamp);
 }
 
 inline InstantMs at(const char* iso) { return *ISO8601::parse(iso); }
 
 }  // namespace ostler::testing
+
+namespace ostler {
+
+// Failures show the engine's records as the JSON they are written as.
+template <typename T>
+  requires requires(const T& v) { toJson(v).dump(); }
+void PrintTo(const T& v, std::ostream* os) {
+  *os << toJson(v).dump();
+}
+
+}  // namespace ostler

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 
+#include "daemon/tail_reader.h"
 #include "line_builder.h"
 #include "support/test_support.h"
 
@@ -28,13 +29,9 @@ std::string dayOfLines() {
   std::vector<std::string> lines;
   for (int r = 0; r < 6; ++r) {
     for (int k = 1; k <= 3; ++k) {
-      Assistant a;
-      a.timestamp = "2026-03-10T0" + std::to_string(r) + ":00:0" + std::to_string(k) + ".000Z";
-      a.requestId = "req-" + std::to_string(r);
-      a.model = "claude-haiku-4-5";
-      a.usage = haikuUsage(100 * k);
-      a.text = "r\xC3\xA9sum\xC3\xA9 \xF0\x9F\x98\x80 " + std::to_string(k);
-      lines.push_back(assistantLine(a));
+      lines.push_back(assistantLine({"2026-03-10T0" + std::to_string(r) + ":00:0" + std::to_string(k) + ".000Z",
+                                     "req-" + std::to_string(r), "claude-haiku-4-5", haikuUsage(100 * k),
+                                     "r\xC3\xA9sum\xC3\xA9 \xF0\x9F\x98\x80 " + std::to_string(k)}));
     }
     lines.push_back(userTextLine("go on \xE2\x82\xAC"));
   }
@@ -260,6 +257,34 @@ TEST(LiveEngineTest, RoutingNamesChatsAndGarbageCollectionFollowsTheTree) {
   // Request ids and today's figures stay.
   EXPECT_TRUE(restored.seenRequestIds().contains("r1"));
   EXPECT_EQ(restored.todayTurns(), 2);
+}
+
+// The lines a reader with a buffer limit of 64 bytes takes from `*offset`
+// in reads of `chunk` bytes; `*offset` moves to where it stopped.
+std::vector<std::string> readFrom(const std::string& path, int64_t* offset, size_t chunk) {
+  auto reader = TailReader::open(path, *offset, chunk, 64);
+  EXPECT_TRUE(reader.has_value());
+  if (!reader) return {};
+  auto lines = reader->readAvailableLines();
+  *offset = reader->offset();
+  return lines;
+}
+
+TEST(TailReaderTest, LineOverTheBufferLimitHoldsTheOffsetAndEverythingBehindIt) {
+  TempDir dir;
+  auto path = (dir.path() / "a.jsonl").string();
+  // A line that fits once read; then one longer than the limit, then a
+  // short one that is never reached.
+  writeFile(path, "ok\n" + std::string(200, 'x') + "\nlater\n");
+  int64_t offset = 0;
+  EXPECT_EQ(readFrom(path, &offset, 16), (std::vector<std::string>{"ok"}));
+  EXPECT_EQ(offset, 3);
+  // Tried again from the same place, with the same outcome.
+  EXPECT_TRUE(readFrom(path, &offset, 16).empty());
+  EXPECT_EQ(offset, 3);
+  // The limit is checked only when no line feed is buffered: a line that
+  // ends within the read that crossed the limit is still taken.
+  EXPECT_EQ(readFrom(path, &offset, 256).size(), 2u);
 }
 
 }  // namespace

@@ -76,11 +76,8 @@ TEST_F(WindowsTest, GaugesTakeAnchorsAndWallsFromTheLastScan) {
 
   // No scan yet: rolling windows, nothing learned.
   FeedWindows w = engine_.snapshotWindows(now);
-  EXPECT_EQ(w.week.burn_value, 1.0 + 1.0 + 1.0);
-  EXPECT_EQ(w.week.tokens, 100'000);
+  EXPECT_EQ(w.week, (FeedWindow{1.0 + 1.0 + 1.0, 100'000, {}, {}, {}, {}, {}, {}}));
   EXPECT_EQ(w.week_top_model.burn_value, 1.0);
-  EXPECT_FALSE(w.week.anchor);
-  EXPECT_FALSE(w.week.lowest_cutoff_observed);
   EXPECT_FALSE(w.month);
   // The session anchor is inferred at the first burn after the last silence.
   EXPECT_EQ(w.session.anchor, "2026-03-10T06:59:59.999Z");
@@ -96,22 +93,17 @@ TEST_F(WindowsTest, GaugesTakeAnchorsAndWallsFromTheLastScan) {
   EXPECT_TRUE(engine_.isDirty());
 
   w = engine_.snapshotWindows(now);
-  EXPECT_EQ(w.week.anchor, "2026-03-05T12:00:00.000Z");
-  EXPECT_EQ(w.week.burn_value, 3.0);  // from the anchor, which counts
-  EXPECT_EQ(w.week.resets_note, "resets 12:00pm (UTC)");
-  EXPECT_EQ(w.week.lowest_cutoff_observed, 12.5);
-  EXPECT_EQ(w.week.lowest_cutoff_observed_tokens, 1234);
+  // From the anchor, which counts.
+  EXPECT_EQ(w.week,
+            (FeedWindow{3.0, 100'000, "2026-03-05T12:00:00.000Z", "resets 12:00pm (UTC)", 12.5, 1234, {}, {}}));
   EXPECT_EQ(w.week_top_model.burn_value, 0.0);
   EXPECT_FALSE(w.week_top_model.resets_note);
   EXPECT_EQ(w.session.lowest_cutoff_observed, 3.0);
   EXPECT_FALSE(w.session.authoritative_pct);
   EXPECT_FALSE(w.session.near_limit);
 
-  FeedMonthWindow m = engine_.snapshotMonthWindow(at("2026-03-01T00:00:00Z"), now);
-  EXPECT_EQ(m.burn_value, 4.0);
-  EXPECT_EQ(m.tokens, 140'000);
-  EXPECT_EQ(m.anchor, "2026-03-01T00:00:00.000Z");
-  EXPECT_FALSE(m.lowest_cutoff_observed);
+  EXPECT_EQ(engine_.snapshotMonthWindow(at("2026-03-01T00:00:00Z"), now),
+            (FeedMonthWindow{4.0, 140'000, "2026-03-01T00:00:00.000Z", {}, {}}));
 }
 
 }  // namespace

@@ -6,8 +6,11 @@
 #include <cstdio>
 
 #include "daemon/live_engine.h"
+#include "daemon/local_day.h"
 #include "daemon/today_equality_check.h"
 #include "line_builder.h"
+#include "meter/meter_engine.h"
+#include "platform/clock.h"
 #include "support/test_support.h"
 
 namespace ostler {
@@ -64,6 +67,31 @@ TEST(TodayEqualityCheckTest, BoundsAreInclusiveAndLopsided) {
   EXPECT_EQ(logged(3.0, 3.0), "");
 }
 
+// The live accumulator against the windowed meter over a generated day, as
+// the daemon compares them. The two sums follow one price, one fold, one
+// dedupe and one gate, so they agree within the check's bounds. No resumed
+// chats: a resume that copies part of a request into another project's chat
+// has the two readers price different copies, a parting the check exists to
+// show.
+TEST(TodayEqualityCheckTest, AGeneratedDayMatches) {
+  TempDir dir;
+  const std::string root = (dir.path() / "projects").string();
+  if (!generateTree(root, {"--today", "--seed", "11", "--sessions", "30", "--resume-rate", "0", "--subagent-rate",
+                           "0.4", "--bad-rate", "0.01", "--unknown-rate", "0.02", "--image-rate", "0.1"}))
+    GTEST_SKIP() << "transcript generator not available";
+  // The generator writes up to the real present, so the day is the real one.
+  const InstantMs now = systemClock().nowMs();
+  const std::string zone = "America/Los_Angeles";
+  LiveEngine engine(PricingTable::defaultTable(), zone);
+  (void)engine.poll(root, now);
+  MeterOptions options;
+  options.root = root;
+  options.sinceInstant = ISO8601::fractional(LocalDay::localMidnightInstant(now, zone));
+  options.untilInstant = ISO8601::fractional(now);
+  const double windowed = MeterEngine::run(options).totals.spent_usd;
+  EXPECT_TRUE(TodayEqualityCheck::check(engine.todayAccumulatorSnapshot().spentUSD, 0, windowed, now, nullptr).matches);
+}
+
 TEST(SnapshotTodayTest, FamiliesSharesAndTheSpendBasis) {
   TempDir dir;
   writeFile(dir.path() / "p" / "a.jsonl",
@@ -72,12 +100,12 @@ TEST(SnapshotTodayTest, FamiliesSharesAndTheSpendBasis) {
 
   // An empty day still names the four families; no spend means no shares,
   // however many avoidable dollars the windowed receipt found.
-  FeedToday empty = engine.snapshotToday(0.5, 0.25, 0, 0, std::nullopt);
-  EXPECT_EQ(empty.tokens_by_family, (std::map<std::string, int64_t>{{"fable", 0}, {"opus", 0}, {"sonnet", 0}, {"haiku", 0}}));
-  EXPECT_EQ(empty.avoidable_usd, 0.75);
-  EXPECT_EQ(empty.avoidable_share, 0);
-  EXPECT_EQ(empty.avoidable_share_split, (FeedAvoidableShareSplit{0, 0}));
-  EXPECT_EQ(empty.spent_basis, "accumulator");
+  const FeedToday empty{.avoidable_usd = 0.75,
+                        .tokens_by_family = {{"fable", 0}, {"opus", 0}, {"sonnet", 0}, {"haiku", 0}},
+                        .avoidable_share_split = {0, 0},
+                        .spent_basis = "accumulator",
+                        .windowed_computed_at = std::nullopt};
+  EXPECT_EQ(engine.snapshotToday(0.5, 0.25, 0, 0, std::nullopt), empty);
 
   (void)engine.poll(dir.str(), kNow);
   // $1.00 of haiku input. Waste 0.1 + downshift 0.3 are the tier's share,
@@ -94,14 +122,16 @@ TEST(SnapshotTodayTest, FamiliesSharesAndTheSpendBasis) {
   EXPECT_DOUBLE_EQ(engine.snapshotToday(2.0, 0, 0, 0, std::nullopt).avoidable_share, 2.0);
 
   LiveEngine::WindowedTodayOverride o{0.5, 4, {{"opus", 77}, {"gemini", 5}}, "2026-03-10T11:59:00.000Z"};
-  FeedToday windowed = engine.snapshotToday(0.1, 0, 0, 0, o);
-  EXPECT_EQ(windowed.spent_usd, 0.5);
-  EXPECT_EQ(windowed.turns, 4);
-  EXPECT_EQ(windowed.tokens_by_family,
-            (std::map<std::string, int64_t>{{"fable", 0}, {"opus", 77}, {"sonnet", 0}, {"haiku", 0}, {"gemini", 5}}));
-  EXPECT_EQ(windowed.spent_basis, "windowed");
-  EXPECT_EQ(windowed.windowed_computed_at, "2026-03-10T11:59:00.000Z");
-  EXPECT_DOUBLE_EQ(windowed.avoidable_share, 0.2);
+  const FeedToday windowed{
+      .spent_usd = 0.5,
+      .avoidable_usd = 0.1,
+      .turns = 4,
+      .tokens_by_family = {{"fable", 0}, {"opus", 77}, {"sonnet", 0}, {"haiku", 0}, {"gemini", 5}},
+      .avoidable_share = 0.2,
+      .avoidable_share_split = {0, 0.2},
+      .spent_basis = "windowed",
+      .windowed_computed_at = "2026-03-10T11:59:00.000Z"};
+  EXPECT_EQ(engine.snapshotToday(0.1, 0, 0, 0, o), windowed);
   // The override never touches the accumulator.
   EXPECT_EQ(engine.todayAccumulatorSnapshot().spentUSD, 1.0);
 }

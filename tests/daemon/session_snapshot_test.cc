@@ -104,15 +104,12 @@ TEST_F(SessionSnapshotTest, WarmChatsComeFirstAndOldOrEmptyOnesOnlyInTheInventor
   EXPECT_EQ(snap.sessionsAll[16].sessionId, "old");
   EXPECT_EQ(snap.sessionsAll[17].sessionId, "mute");
   EXPECT_EQ(snap.sessionsAll[17].last_activity, "0001-01-01T00:00:00.000Z");
-  EXPECT_EQ(snap.sessionsAll[17].temperature, "cold");
 
   const FeedSession& w00 = snap.sessions.front();
   EXPECT_EQ(w00.project, "home-me-proj");  // no cwd: the folder's name without its dashes
   EXPECT_EQ(w00.context_tokens, 1000);
   EXPECT_EQ(w00.temperature, "warm");
   EXPECT_EQ(w00.last_activity, stamp(kNow - 10'000));
-  EXPECT_EQ(w00.prompt_state, std::nullopt);
-  EXPECT_EQ(w00.nudge_state, std::nullopt);
 
   // Ten minutes on every chat is cold, and the dearest to rewarm lead.
   LiveEngine::SessionsSnapshot later = sessions(kNow + 600'000);
@@ -250,9 +247,35 @@ TEST_F(SessionSnapshotTest, FiveImagesMakeALoopForTenMinutesAfterTheLast) {
   EXPECT_EQ(loops[0].images, 6);
   EXPECT_EQ(loops[0].tokens_so_far, 6'000);
   EXPECT_DOUBLE_EQ(loops[0].usd_so_far, 0.03);  // 6,000 tokens at opus input, $5 a million
-  EXPECT_EQ(loops[0].project, "p");
   EXPECT_EQ(loops[1].sessionId, "five");
   EXPECT_TRUE(engine_.snapshotActiveMediaLoops(lastImage + 600'000, 600.0).empty());
+}
+
+TEST(SessionDiscoveryTest, ProjectsThenTopLevelFilesThenSubagentsSessionBySession) {
+  TempDir dir;
+  const auto& root = dir.path();
+  // s0's subagent folder names its chat though the top-level transcript is gone.
+  for (const char* path : {"b-proj/s2.jsonl", "b-proj/s1.jsonl", "b-proj/notes.txt", "b-proj/s2/subagents/agent-b.jsonl",
+                           "b-proj/s2/subagents/deep/agent-a.jsonl", "b-proj/s0/subagents/agent-z.jsonl",
+                           "b-proj/s1/other/x.jsonl", "a-proj/s9.jsonl", "stray.jsonl"})
+    writeFile(root / path, "");
+
+  auto files = SessionDiscovery::discoverFiles(root.string());
+  std::vector<std::string> paths;
+  for (const auto& f : files) paths.push_back(f.path.substr(root.string().size() + 1));
+  EXPECT_EQ(paths, (std::vector<std::string>{
+                       "a-proj/s9.jsonl",
+                       "b-proj/s1.jsonl",
+                       "b-proj/s2.jsonl",
+                       "b-proj/s0/subagents/agent-z.jsonl",
+                       "b-proj/s2/subagents/agent-b.jsonl",
+                       "b-proj/s2/subagents/deep/agent-a.jsonl",
+                   }));
+  EXPECT_EQ(files[1], (DaemonFile{(root / "b-proj" / "s1.jsonl").string(), "s1", (root / "b-proj").string(), false}));
+  EXPECT_EQ(files[3], (DaemonFile{(root / "b-proj/s0/subagents/agent-z.jsonl").string(), "s0",
+                                  (root / "b-proj").string(), true}));
+
+  EXPECT_TRUE(SessionDiscovery::discoverFiles((root / "missing").string()).empty());
 }
 
 }  // namespace

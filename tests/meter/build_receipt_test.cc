@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "support/transcript_tree.h"
+
 namespace ostler {
 namespace {
 
@@ -19,14 +21,8 @@ TEST(BuildReceiptTest, PercentileRoundsHalvesAwayFromZero) {
   const std::vector<Case> cases = {
       {{1, 2, 3, 4}, 50, 3},  // index round(1.5) = 2
       {{1, 2, 3, 4}, 95, 4},  // index round(2.85) = 3
-      {{5}, 50, 5},
-      {{5}, 95, 5},
-      {{}, 50, 0},
       {{1, 2}, 50, 2},        // index round(0.5) = 1, not 0
-      {{1, 2, 3}, 95, 3},
-      {{1, 2, 3}, 0, 1},
-      {{1, 2, 3}, 100, 3},
-      {{10, 20, 30, 40, 50, 60, 70, 80, 90, 100}, 50, 60},
+      {{5}, 50, 5}, {{5}, 95, 5}, {{}, 50, 0}, {{1, 2, 3}, 0, 1}, {{1, 2, 3}, 100, 3},
   };
   for (const auto& c : cases)
     EXPECT_EQ(percentile(c.sorted, c.p), c.value) << ::testing::PrintToString(c.sorted) << " p" << c.p;
@@ -38,22 +34,16 @@ TEST(BuildReceiptTest, TopDetailsKeepsTheTenLargestTiesByText) {
   auto lines = topDetails(candidates);
   ASSERT_EQ(lines.size(), 10u);
   EXPECT_EQ(lines.front().text, "c11");
-  EXPECT_EQ(lines.back().text, "c2");  // the smallest goes
-  EXPECT_EQ(lines.back().session_id, "s2");
+  EXPECT_EQ(lines.back(), (ReceiptDetailLine{"c2", 2.0, "s2"}));  // the smallest goes
 
   lines = topDetails({{"b", 1.0, std::nullopt},
                       {"a", 1.0, "a1"},
                       {"x", 0.0000014, std::nullopt},
                       {"w", 0.0000011, std::nullopt},
                       {"r", 0.0000025, "r1"}});
-  ASSERT_EQ(lines.size(), 5u);
-  EXPECT_EQ(lines[0].text, "a");
-  EXPECT_EQ(lines[1].text, "b");
-  EXPECT_FALSE(lines[1].session_id.has_value());
-  EXPECT_EQ(lines[2].text, "r");
-  EXPECT_EQ(lines[2].usd, 0.000003);
-  EXPECT_EQ(lines[3].text, "x");  // sorted before rounding makes them equal
-  EXPECT_EQ(lines[3].usd, lines[4].usd);
+  // Sorted before rounding makes x and w equal.
+  EXPECT_EQ(lines, (std::vector<ReceiptDetailLine>{{"a", 1.0, "a1"}, {"b", 1.0, std::nullopt}, {"r", 0.000003, "r1"},
+                                                   {"x", 0.000001, std::nullopt}, {"w", 0.000001, std::nullopt}}));
 }
 
 TEST(BuildReceiptTest, ListsAreSortedThenCut) {
@@ -72,10 +62,8 @@ TEST(BuildReceiptTest, ListsAreSortedThenCut) {
   agg.r2TemplateOccCount = {{0xabc, 5}, {0x123456789abcdefULL, 9}};
   const Receipt r = buildReceipt(agg, MeterOptions{}, kGenerated);
 
-  ASSERT_EQ(r.by_model.size(), 3u);
-  EXPECT_EQ(r.by_model[0].model, "c");
-  EXPECT_EQ(r.by_model[1].model, "a");  // equal once rounded: by name
-  EXPECT_EQ(r.by_model[1].spent_usd, 1.0);
+  // Equal once rounded: by name.
+  EXPECT_EQ(r.by_model, (std::vector<ReceiptByModel>{{"c", 1, 3.0}, {"a", 2, 1.0}, {"b", 1, 1.0}}));
   EXPECT_EQ(r.by_project[0].project, "q");
   EXPECT_EQ(r.by_day[0].date, "2026-11-01");
 
@@ -96,15 +84,15 @@ TEST(BuildReceiptTest, ListsAreSortedThenCut) {
   EXPECT_EQ(loops.attribution_note, "loops keep 51.5% of raw against the category's 0.0%");
   const auto& loopLines = r.mac_first.categories[0].detail_lines;
   ASSERT_EQ(loopLines.size(), 10u);
-  EXPECT_EQ(loopLines[0].text, "review loop: mm, 7 images");
-  EXPECT_EQ(loopLines[0].session_id, "loop-ses");
+  EXPECT_EQ(loopLines[0], (ReceiptDetailLine{"review loop: mm, 7 images", 0.6, "loop-ses"}));
 
+  // Ties go by the hash as text.
   const auto& templates = r.mac_first.categories[1].detail_lines;
   ASSERT_EQ(templates.size(), 10u);
-  EXPECT_EQ(templates[0].text, "template 12345678 (9x)");
-  EXPECT_EQ(templates[1].text, "template 1000 (0x)");  // ties by the hash as text
-  EXPECT_EQ(templates[2].text, "template abc (5x)");
-  EXPECT_FALSE(templates[0].session_id.has_value());
+  EXPECT_EQ(std::vector(templates.begin(), templates.begin() + 3),
+            (std::vector<ReceiptDetailLine>{{"template 12345678 (9x)", 3.0, std::nullopt},
+                                            {"template 1000 (0x)", 2.0, std::nullopt},
+                                            {"template abc (5x)", 2.0, std::nullopt}}));
 }
 
 TEST(BuildReceiptTest, FiguresComeFromUnroundedSums) {

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "meter/meter_options.h"
+
 namespace ostler {
 namespace {
 
@@ -15,44 +17,24 @@ TEST(ISO8601Test, ParsesInternetDateTimesToTheMillisecond) {
     InstantMs ms;
   };
   const std::vector<Case> cases = {
-      {"1970-01-01T00:00:00Z", 0},
-      {"1970-01-01T00:00:00.001Z", 1},
-      {"1970-01-01T00:00:00.1Z", 100},
-      {"1970-01-01T00:00:00.12Z", 120},
+      {"1970-01-01T00:00:00Z", 0},      {"1970-01-01T00:00:00.001Z", 1},
+      {"1970-01-01T00:00:00.1Z", 100},  {"1970-01-01T00:00:00.12Z", 120},
       {"1970-01-01T00:00:00.123456789Z", 123},  // digits past milliseconds are dropped,
       {"1970-01-01T00:00:00.9999Z", 999},       // not rounded
-      {"1970-01-01T01:00:00+01:00", 0},
-      {"1969-12-31T22:30:00-01:30", 0},
-      {"1969-12-31T23:59:59.999Z", -1},
-      {"2000-02-29T00:00:00Z", 951'782'400'000},
-      {"2026-11-01T10:00:00.000Z", 1'793'527'200'000},
+      {"1970-01-01T01:00:00+01:00", 0}, {"1969-12-31T22:30:00-01:30", 0},
+      {"1969-12-31T23:59:59.999Z", -1}, {"2000-02-29T00:00:00Z", 951'782'400'000},
   };
   for (const auto& c : cases) EXPECT_EQ(ISO8601::parse(c.text), std::optional<InstantMs>(c.ms)) << c.text;
 }
 
 TEST(ISO8601Test, RejectsWhatTheProfileDoesNot) {
   const std::vector<std::string> bad = {
-      "",
-      "2026-11-01",
-      "2026-11-01T10:00:00",          // no zone
-      "2026-11-01T10:00Z",            // no seconds
-      "2026-11-01t10:00:00Z",         // lower-case t
-      "2026-11-01T10:00:00z",         // lower-case z
-      "2026-11-01 10:00:00Z",
-      "2026-11-01T10:00:00.Z",        // a point without digits
-      "2026-11-01T10:00:00+0100",
-      "2026-11-01T10:00:00+01",
-      "2026-11-01T10:00:00Z ",
-      " 2026-11-01T10:00:00Z",
-      "2026-02-29T00:00:00Z",         // not a leap year
-      "2026-04-31T00:00:00Z",
-      "2026-13-01T00:00:00Z",
-      "2026-00-10T00:00:00Z",
-      "2026-11-01T24:00:00Z",
-      "2026-11-01T10:60:00Z",
-      "2026-11-01T10:00:00+24:00",
-      "20261101T100000Z",
-      "2026-11-01T10:00:00.000ZZ",
+      "", "2026-11-01", "2026-11-01T10:00:00" /* no zone */, "2026-11-01T10:00Z" /* no seconds */,
+      "2026-11-01t10:00:00Z", "2026-11-01T10:00:00z", "2026-11-01 10:00:00Z",
+      "2026-11-01T10:00:00.Z" /* a point without digits */, "2026-11-01T10:00:00+0100", "2026-11-01T10:00:00+01",
+      "2026-11-01T10:00:00Z ", " 2026-11-01T10:00:00Z", "2026-02-29T00:00:00Z" /* not a leap year */,
+      "2026-04-31T00:00:00Z", "2026-13-01T00:00:00Z", "2026-00-10T00:00:00Z", "2026-11-01T24:00:00Z",
+      "2026-11-01T10:60:00Z", "2026-11-01T10:00:00+24:00", "20261101T100000Z", "2026-11-01T10:00:00.000ZZ",
   };
   for (const auto& text : bad) EXPECT_FALSE(ISO8601::parse(text).has_value()) << text;
 }
@@ -61,7 +43,7 @@ TEST(ISO8601Test, FormatsUtcWithAndWithoutMilliseconds) {
   EXPECT_EQ(ISO8601::fractional(0), "1970-01-01T00:00:00.000Z");
   EXPECT_EQ(ISO8601::fractional(-1), "1969-12-31T23:59:59.999Z");
   EXPECT_EQ(ISO8601::whole(1'999), "1970-01-01T00:00:01Z");
-  EXPECT_EQ(ISO8601::whole(1'795'392'000'000), "2026-11-23T00:00:00Z");
+  EXPECT_EQ(ISO8601::whole(1'793'527'200'000), "2026-11-01T10:00:00Z");
   for (InstantMs t : {InstantMs{951'782'400'000}, InstantMs{951'868'799'999}, InstantMs{4'107'542'400'123}})
     EXPECT_EQ(ISO8601::parse(ISO8601::fractional(t)), t);
 }
@@ -71,6 +53,65 @@ TEST(ISO8601Test, CalendarDatesMustExist) {
   EXPECT_TRUE(ISO8601::isCalendarDate("2026-12-31"));
   for (const char* bad : {"2026-02-29", "2026-1-01", "2026-01-01x", "2026/01/01", "2026-00-01", "1900-02-29"})
     EXPECT_FALSE(ISO8601::isCalendarDate(bad)) << bad;
+}
+
+struct RangeCase {
+  std::optional<std::string> timestamp;
+  bool in;
+};
+
+void expectAll(const MeterOptions& options, const std::vector<RangeCase>& cases) {
+  for (const auto& c : cases)
+    EXPECT_EQ(inRange(c.timestamp, options), c.in) << c.timestamp.value_or("(absent)");
+}
+
+TEST(InRangeTest, InstantBoundsAreHalfOpen) {
+  MeterOptions o;
+  o.sinceInstant = "2026-11-05T00:00:00.000Z";
+  o.untilInstant = "2026-11-12T00:00:00Z";
+  expectAll(o, {
+                   {"2026-11-04T23:59:59.999Z", false},
+                   {"2026-11-05T00:00:00Z", true},  // the lower bound itself is in, however written
+                   {"2026-11-05T01:00:00+01:00", true}, {"2026-11-04T23:30:00-01:00", true},
+                   {"2026-11-11T23:59:59.999Z", true},
+                   {"2026-11-12T00:00:00.000Z", false},   // the upper bound itself is out,
+                   {"2026-11-12T00:00:00.0009Z", false},  // also below a millisecond past it
+                   {"2026-11-12T01:00:00+02:00", true}, {"2026-11-12T00:30:00+00:00", false},
+                   // An unparseable or absent stamp passes both bounds.
+                   {"not a time at all", true}, {"", true}, {std::nullopt, true},
+               });
+}
+
+TEST(InRangeTest, InstantBoundsWinOverDatesEvenWhenUnparseable) {
+  MeterOptions o;
+  o.since = "2026-11-05";
+  o.until = "2026-11-06";
+  o.sinceInstant = "yesterday";
+  o.untilInstant = "2026-11-10T00:00:00Z";
+  expectAll(o, {{"2026-11-01T00:00:00Z", true}, {"2026-11-09T12:00:00Z", true}, {"2026-11-10T00:00:00Z", false}});
+
+  o.sinceInstant = "2026-11-02T00:00:00Z";
+  o.untilInstant = "tomorrow";
+  expectAll(o, {{"2026-11-01T23:59:59Z", false}, {"2026-11-30T00:00:00Z", true}});
+}
+
+TEST(InRangeTest, DateBoundsCompareTheWrittenDate) {
+  MeterOptions o;
+  o.since = "2026-11-05";
+  o.until = "2026-11-10";
+  expectAll(o, {
+                   {"2026-11-04T23:59:59.999Z", false}, {"2026-11-05T00:00:00Z", true},
+                   {"2026-11-10T23:59:59.999Z", true}, {"2026-11-11T00:00:00Z", false},  // the whole last day is in
+                   {"2026-11-11T00:30:00+01:00", false},  // 10 November in UTC, written as the 11th
+                   {"2026-11-04T23:30:00-01:00", false},  // 5 November in UTC, written as the 4th
+                   {"2026-11-0", true},                   // shorter than a date: passes
+                   {"9999-99-99 whatever", false}, {"0000-00-00", false},  // compared as text
+                   {std::nullopt, true},
+               });
+
+  MeterOptions onlyUntil;
+  onlyUntil.until = "2026-11-10";
+  expectAll(onlyUntil, {{"1999-01-01T00:00:00Z", true}, {"2026-11-11T00:00:00Z", false}});
 }
 
 }  // namespace

@@ -34,25 +34,17 @@ std::string cwdOf(const std::string& json) {
 
 TEST(JsonLineTest, AFlawAnywhereFailsTheWholeLine) {
   const std::vector<std::string> bad = {
-      R"({"type":"user","x":[1,2,]})",  // trailing comma under a key never read
-      R"({"type":"user",})",
-      R"({"type":"user","x":"\q"})",    // bad escape
-      R"({"type":"user","x":"\u12"})",
-      "{\"type\":\"user\",\"x\":\"a\tb\"}",  // raw control characters in a string
-      "{\"type\":\"user\",\"x\":\"a\x01\"}",
-      "{\"type\":\"user\",\"x\":\"\x1f\"}",
+      R"({"type":"user","x":[1,2,]})", R"({"type":"user",})",  // trailing commas under keys never read
+      R"({"type":"user","x":"\q"})", R"({"type":"user","x":"\u12"})",  // bad escapes
+      "{\"x\":\"a\tb\"}", "{\"x\":\"a\x01\"}", "{\"x\":\"\x1f\"}",   // raw control characters in a string
       R"({"x":NaN})", R"({"x":Infinity})", R"({"x":-Infinity})",
       R"({"x":01})", R"({"x":-01})", R"({"x":1.})", R"({"x":.5})", R"({"x":+1})", R"({"x":1e})", R"({"x":0x10})",
       R"({"x":'s'})", R"({x:1})", R"({"a":tru})", R"({"a":1)", R"({"a" 1})",
-      R"({"a":1}{"b":2})",              // two objects run together
-      R"({"a":1} x)",
-      "{\"a\":1}\f",                    // a form feed is no JSON whitespace
-      "\x0B{\"a\":1}",
+      R"({"a":1}{"b":2})", R"({"a":1} x)",  // two objects run together, or trailing text
+      "{\"a\":1}\f", "\x0B{\"a\":1}",     // form and line tabulations are no JSON whitespace
       R"([])", R"("s")", R"(42)", R"(null)", R"(true)", R"([{"type":"user"}])",  // top level not an object
       // Repairs of the line never excuse a flaw elsewhere in it.
-      "{\"a\":\"\xff\",}",
-      R"({"a":"\ud800",})",
-      R"({"a":1e400,})",
+      "{\"a\":\"\xff\",}", R"({"a":"\ud800",})", R"({"a":1e400,})",
       // A number too large to hold, run into more number characters, is no
       // number at all; standing in for it must not make one.
       R"({"a":1e400e5})", R"({"a":1e400E+5})", R"({"a":5-1e400})", R"({"a":--1e400})",
@@ -80,14 +72,12 @@ TEST(JsonLineTest, ValidJsonTheParserRefusesStillDecodes) {
 
   const std::vector<std::string> good = {
       R"({"\ud800":1,"type":"user"})",
-      R"({"x":1e400,"type":"user"})",   // numbers no double holds, under keys never read
-      R"({"x":-1e999,"type":"user"})",
-      R"({"x":123456789012345678901234567890,"type":"user"})",
-      R"({"x":[1e400, "\udfff"],"type":"user"})",
+      // Numbers no double holds, under keys never read.
+      R"({"x":1e400,"type":"user"})", R"({"x":-1e999,"type":"user"})",
+      R"({"x":123456789012345678901234567890,"type":"user"})", R"({"x":[1e400, "\udfff"],"type":"user"})",
       R"({"x":[-1e400,1e400],"y":{"z":-123456789012345678901234567890},"type":"user"})",
       "\xEF\xBB\xBF{\"x\":\"\\ud800\",\"y\":\"\xC3\",\"z\":1e400,\"type\":\"user\"}",
-      "{\"type\":\"user\"}\r",          // JSON whitespace around the object
-      " \n{\"type\":\"user\"}\n",
+      "{\"type\":\"user\"}\r", " \n{\"type\":\"user\"}\n",  // JSON whitespace around the object
   };
   for (const auto& g : good) {
     RawTranscriptLine decoded;
@@ -126,24 +116,12 @@ TEST(JsonLineTest, IntegersAreWholeNumbersWithinSigned64Bits) {
     int64_t read;
   };
   const std::vector<Case> cases = {
-      {"5", true, 5},
-      {"0", true, 0},
-      {"-0", true, 0},
-      {"-5", true, -5},
-      {"9223372036854775807", true, INT64_MAX},
-      {"-9223372036854775808", true, INT64_MIN},
-      {"9223372036854775808", false, 0},
-      {"-9223372036854775809", false, 0},
-      {"18446744073709551615", false, 0},
-      {"5.0", false, 0},
-      {"5e2", false, 0},
-      {"5E0", false, 0},
-      {"1e30", false, 0},
-      {"1e400", false, 0},
-      {"0.0", false, 0},
-      {"\"5\"", false, 0},
-      {"true", false, 0},
-      {"[5]", false, 0},
+      {"5", true, 5},          {"0", true, 0},          {"-0", true, 0},     {"-5", true, -5},
+      {"9223372036854775807", true, INT64_MAX},         {"-9223372036854775808", true, INT64_MIN},
+      {"9223372036854775808", false, 0},                {"-9223372036854775809", false, 0},
+      {"18446744073709551615", false, 0},               {"5.0", false, 0},   {"5e2", false, 0},
+      {"5E0", false, 0},       {"1e30", false, 0},      {"1e400", false, 0}, {"0.0", false, 0},
+      {"\"5\"", false, 0},     {"true", false, 0},      {"[5]", false, 0},
   };
   for (const auto& c : cases) {
     RawTranscriptLine line;

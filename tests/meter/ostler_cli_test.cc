@@ -3,6 +3,7 @@
 
 #include <nlohmann/json.hpp>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "meter/plain_text_receipt.h"
@@ -49,32 +50,26 @@ TEST(OstlerCliTest, UsageErrorsPrintOneLineAndTheUsageAndExit2) {
   }
 }
 
-TEST(OstlerCliTest, AMissingRootIsSaidInOneLine) {
+// A root that is missing or holds no transcripts is said in one line, which
+// names the root given or, for the default one, the flag to give another;
+// the receipt is still the receipt of nothing.
+TEST(OstlerCliTest, NothingToReadIsSaidInOneLine) {
+  MeterOptions nothing;
+  nothing.root = "/nowhere";
+  const auto empty = linesOf(renderPlainTextReceipt(MeterEngine::run(nothing)), "Generated ");
   TempDir dir;
   const std::string missing = (dir.path() / "nowhere").string();
-  const Outcome o = ostler("receipt --json --root " + quoted(missing));
-  EXPECT_EQ(o.status, 0);
-  EXPECT_EQ(linesOf(o.err).size(), 1u) << o.err;
-  EXPECT_NE(o.err.find(missing), std::string::npos) << o.err;
-  // Still the receipt of nothing, as for an empty folder.
-  const json receipt = json::parse(o.out);
-  EXPECT_EQ(receipt["totals"]["turns"], 0);
-  EXPECT_EQ(receipt["totals"]["spent_usd"], 0.0);
-}
-
-TEST(OstlerCliTest, NoTranscriptsUnderTheDefaultRootNamesTheSample) {
-  // An empty projects folder, and no .claude at all, as on a machine that
-  // never ran Claude Code.
-  for (bool withProjects : {true, false}) {
-    TempDir home;
-    if (withProjects) std::filesystem::create_directories(home.path() / ".claude" / "projects");
-    const Outcome o = ostler("receipt", "HOME=" + quoted(home.str()));
-    EXPECT_EQ(o.status, 0);
+  std::filesystem::create_directories(dir.path() / "with" / ".claude" / "projects");
+  std::filesystem::create_directories(dir.path() / "without");
+  auto home = [&](const char* name) { return "HOME=" + quoted((dir.path() / name).string()); };
+  for (const auto& [args, env, named] : {std::tuple{"receipt --root " + quoted(missing), std::string(), missing},
+                                         std::tuple{std::string("receipt"), home("with"), std::string("--root")},
+                                         std::tuple{std::string("receipt"), home("without"), std::string("--root")}}) {
+    const Outcome o = ostler(args, env);
+    EXPECT_EQ(o.status, 0) << args << env;
     EXPECT_EQ(linesOf(o.err).size(), 1u) << o.err;
-    EXPECT_NE(o.err.find("--root"), std::string::npos) << o.err;
-    MeterOptions nothing;
-    nothing.root = (home.path() / "nowhere").string();
-    EXPECT_EQ(linesOf(o.out, "Generated "), linesOf(renderPlainTextReceipt(MeterEngine::run(nothing)), "Generated "));
+    EXPECT_NE(o.err.find(named), std::string::npos) << o.err;
+    EXPECT_EQ(linesOf(o.out, "Generated "), empty) << args << env;
   }
 }
 

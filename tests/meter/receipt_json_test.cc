@@ -48,63 +48,16 @@ void expectNoNulls(const json& j, const std::string& where) {
     for (size_t i = 0; i < j.size(); ++i) expectNoNulls(j[i], where + "/" + std::to_string(i));
 }
 
-TEST(ReceiptJsonTest, EmptyTreeReceiptWhole) {
-  const json expected = json::parse(R"json({
-    "schema": "ostler.receipt.v1", "generated_at": "2026-11-01T10:00:00Z",
-    "period": {"from": "", "to": ""},
-    "totals": {"turns": 0, "sessions": 0, "projects": 0, "spent_usd": 0.0,
-               "tokens": {"input": 0, "output": 0, "cache_read": 0, "cache_write": 0},
-               "sessions_context_over_100k": 0},
-    "by_model": [], "by_project": [], "by_day": [],
-    "waste": {"total_usd": 0.0,
-      "overlap_note": "waste and mac_first are one partition of spend (v1.1/v1.4): each turn's attribution is capped at its own actual cost in priority order W4, R2, R1, R3, W1, W2, W3, so nothing overlaps past what was really spent",
-      "categories": [
-        {"key": "overweight", "label": "Context growth written past 100k", "usd": 0.0, "detail_lines": [], "sessions_distinct": 0},
-        {"key": "duplicate_reads", "label": "Duplicate file reads", "usd": 0.0, "detail_lines": [], "sessions_distinct": 0},
-        {"key": "oversized_dumps", "label": "Oversized tool dumps", "usd": 0.0, "detail_lines": [], "sessions_distinct": 0},
-        {"key": "cache_expiry", "label": "Cache expiry", "usd": 0.0, "detail_lines": [], "sessions_distinct": 0}],
-      "diagnostics_raw_usd": {"overweight": 0.0, "duplicate_reads": 0.0, "oversized_dumps": 0.0, "cache_expiry": 0.0,
-        "w1_composition": {"input_usd": 0.0, "cache_write_usd": 0.0}, "carried_context_read_usd": 0.0,
-        "media_reads": 0.0, "repeat_pipelines": 0.0, "downshift": 0.0, "carried_duplicates_read_usd": 0.0,
-        "carried_dumps_read_usd": 0.0, "whole_session_downshift_usd": 0.0, "dispatch_downshift_usd": 0.0,
-        "dispatch_downshift_units": 0, "dispatch_downshift_spend_usd": 0.0}},
-    "mac_first": {"total_usd": 0.0,
-      "categories": [
-        {"key": "media_reads", "label": "Media reads", "usd": 0.0, "detail_lines": [], "sessions_distinct": 0,
-         "session_attribution_note": "sessions_distinct counts every session with nonzero attributed dollars in this category; the detail lines below are media-loop rows, a different (narrower) population -- see media_loops.sessions_distinct for the loops' own distinct-session count."},
-        {"key": "repeat_pipelines", "label": "Repeat pipelines", "usd": 0.0, "detail_lines": [], "sessions_distinct": 0,
-         "session_attribution_note": "detail lines group by Bash command template, which can span multiple sessions; no single session id applies per line. sessions_distinct below is still exact."},
-        {"key": "downshift", "label": "Mechanical turns, reroutable legs only", "usd": 0.0, "detail_lines": [], "sessions_distinct": 0}],
-      "media_loops": {"total_usd": 0.0, "raw_uncapped_usd": 0.0, "count": 0, "loops": [],
-        "attribution_note": "loops keep 0.0% of raw against the category's 0.0%", "sessions_distinct": 0}},
-    "fair_usd": 0.0, "top_sessions": [],
-    "flags": {"unknown_models": [], "skipped_lines": 0,
-      "pricing_note": "priced at Anthropic API list rates; for subscription users this is the list-rate value consumed, not cash paid; pricing table v2, 2026-08-17, adds sonnet-5 row",
-      "distinct_session_ids": 0, "distinct_files": 0, "files_with_multiple_session_ids": 0,
-      "turns_per_session_p50": 0, "turns_per_session_p95": 0, "turns_per_session_max": 0,
-      "subagent_files": 0, "subagent_turns": 0, "lines_without_request_id": 0,
-      "duplicate_request_id_lines_skipped": 0, "distinct_request_ids": 0},
-    "typed_share": {"floor_usd": 0.0, "floor_turns": 0, "ceiling_usd": 0.0, "ceiling_turns": 0, "paste_count": 0,
-      "base_usd": 0.0, "base_turns": 0, "faced_share_percent": 0.0, "synthetic_zeroed_count": 0, "sessions_distinct": 0},
-    "switch_tax": {"floor_usd": 0.0, "counterfactual_usd": 0.0, "switch_count": 0, "session_count": 0,
-      "top_switches": [], "sessions_distinct": 0},
-    "auto_compactions": {"primary_usd": 0.0, "bound_usd": 0.0, "event_count": 0, "involuntary_count": 0,
-      "voluntary_count": 0, "example_primary_usd": 0.0, "example_pre_tokens": 0, "example_post_tokens": 0,
-      "primary_pre_leg_usd": 0.0, "output_leg_usd": 0.0, "bound_pre_leg_usd": 0.0, "top_events": [],
-      "sessions_distinct": 0},
-    "session_id_convention": "session ids in this receipt are the first 8 characters of the transcript file's own name stem (a UUID in practice, not hex)"
-  })json");
-  // A root with no transcripts in it, and one that does not exist.
+// The empty tree's receipt is met key for key among the reference receipts;
+// here, its layout, which those compare only after parsing.
+TEST(ReceiptJsonTest, PrettyPrintedWithSortedKeysAndTheSameForAMissingRoot) {
   Tree tree;
   testing::writeFile(tree.root() / "-p" / "notes.txt", "not a transcript");
-  for (const auto& root : {tree.root(), tree.root() / "missing"}) {
-    MeterOptions o;
-    o.root = root.string();
-    const std::string text = encodeReceiptJSON(tree.run(o));
-    EXPECT_EQ(json::parse(text), expected) << root;
-    // Pretty-printed with two spaces and sorted keys, ending in a line feed.
-    EXPECT_EQ(text, json::parse(text).dump(2) + "\n");
-  }
+  const std::string text = encodeReceiptJSON(tree.run());
+  EXPECT_EQ(text, json::parse(text).dump(2) + "\n");
+  MeterOptions missing;
+  missing.root = (tree.root() / "missing").string();
+  EXPECT_EQ(encodeReceiptJSON(tree.run(missing)), text);
 }
 
 TEST(ReceiptJsonTest, RoundTripsAPopulatedReceiptAndLeavesAbsentKeysOut) {
@@ -152,33 +105,32 @@ TEST(ReceiptJsonTest, DecodesOlderReceiptsWithoutTheNewerKeys) {
   old["auto_compactions"].erase("top_events");
   old.erase("session_id_convention");
 
+  // Each newer key takes its default; everything else is as written.
+  Receipt expected = r;
+  expected.totals.sessions_context_over_100k = 0;
+  for (auto* categories : {&expected.waste.categories, &expected.mac_first.categories})
+    for (auto& c : *categories) {
+      c.sessions_distinct = 0;
+      c.session_attribution_note.reset();
+      for (auto& d : c.detail_lines) d.session_id.reset();
+    }
+  expected.mac_first.media_loops.sessions_distinct = 0;
+  expected.flags.lines_without_request_id = expected.flags.duplicate_request_id_lines_skipped = 0;
+  expected.flags.distinct_request_ids = 0;
+  expected.typed_share->sessions_distinct = expected.switch_tax->sessions_distinct = 0;
+  expected.auto_compactions->sessions_distinct = 0;
+  expected.auto_compactions->top_events.clear();
   auto decoded = decodeReceipt(old);
   ASSERT_TRUE(decoded.ok()) << decoded.error().message;
-  const Receipt& d = decoded.value();
-  EXPECT_EQ(d.totals.sessions_context_over_100k, 0);
-  EXPECT_EQ(d.waste.categories[0].sessions_distinct, 0);
-  EXPECT_FALSE(d.mac_first.categories[0].session_attribution_note.has_value());
-  EXPECT_FALSE(d.waste.categories[0].detail_lines[0].session_id.has_value());
-  EXPECT_EQ(d.mac_first.media_loops.sessions_distinct, 0);
-  EXPECT_EQ(d.flags.lines_without_request_id + d.flags.duplicate_request_id_lines_skipped + d.flags.distinct_request_ids,
-            0);
-  EXPECT_EQ(d.typed_share->sessions_distinct, 0);
-  EXPECT_EQ(d.switch_tax->sessions_distinct, 0);
-  EXPECT_EQ(d.auto_compactions->sessions_distinct, 0);
-  EXPECT_TRUE(d.auto_compactions->top_events.empty());
-  EXPECT_EQ(d.session_id_convention, kSessionIdConvention);
-  EXPECT_EQ(d.totals.turns, r.totals.turns);
+  EXPECT_EQ(decoded.value(), expected);
 
   // A null stands for a missing key where a key may be missing.
   json nulled = json(r);
   nulled["totals"]["sessions_context_over_100k"] = nullptr;
-  nulled["waste"]["categories"][0]["sessions_distinct"] = nullptr;
   nulled["flags"]["distinct_request_ids"] = nullptr;
   decoded = decodeReceipt(nulled);
   ASSERT_TRUE(decoded.ok()) << decoded.error().message;
-  EXPECT_EQ(decoded.value().totals.sessions_context_over_100k, 0);
-  EXPECT_EQ(decoded.value().waste.categories[0].sessions_distinct, 0);
-  EXPECT_EQ(decoded.value().flags.distinct_request_ids, 0);
+  EXPECT_EQ(decoded.value().totals.sessions_context_over_100k + decoded.value().flags.distinct_request_ids, 0);
 
   json oldest = old;
   for (const char* key : {"typed_share", "switch_tax", "auto_compactions"}) oldest.erase(key);

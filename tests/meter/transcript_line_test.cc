@@ -23,29 +23,15 @@ bool decodes(const std::string& line) {
 
 TEST(TranscriptLineTest, AReadKeyOfTheWrongTypeFailsTheLine) {
   const std::vector<std::string> bad = {
-      R"({"type":5})",
-      R"({"timestamp":1762000000})",
-      R"({"sessionId":["a"]})",
-      R"({"cwd":{}})",
-      R"({"requestId":1})",
-      R"({"uuid":false})",
-      R"({"isMeta":"true"})",
-      R"({"isCompactSummary":1})",
-      R"({"isSidechain":"no"})",
-      R"({"subtype":1})",
-      R"({"message":"error"})",
-      R"({"message":[]})",
-      R"({"message":{"model":5}})",
-      R"({"message":{"id":5}})",
-      R"({"message":{"usage":[]}})",
-      R"({"message":{"usage":"x"}})",
-      R"({"message":{"usage":{"output_tokens":"5"}}})",
+      R"({"type":5})", R"({"timestamp":1762000000})", R"({"sessionId":["a"]})", R"({"cwd":{}})",
+      R"({"requestId":1})", R"({"uuid":false})", R"({"isMeta":"true"})", R"({"isCompactSummary":1})",
+      R"({"isSidechain":"no"})", R"({"subtype":1})", R"({"message":"error"})", R"({"message":[]})",
+      R"({"message":{"model":5}})", R"({"message":{"id":5}})", R"({"message":{"usage":[]}})",
+      R"({"message":{"usage":"x"}})", R"({"message":{"usage":{"output_tokens":"5"}}})",
       R"({"message":{"usage":{"cache_creation":5}}})",
       R"({"message":{"usage":{"cache_creation":{"ephemeral_1h_input_tokens":"x"}}}})",
-      R"({"compactMetadata":"x"})",
-      R"({"compactMetadata":{"preTokens":"5"}})",
-      R"({"compactMetadata":{"postTokens":1.5}})",
-      R"({"compactMetadata":{"trigger":5}})",
+      R"({"compactMetadata":"x"})", R"({"compactMetadata":{"preTokens":"5"}})",
+      R"({"compactMetadata":{"postTokens":1.5}})", R"({"compactMetadata":{"trigger":5}})",
       R"({"type":5,"type":"user"})",  // the first of duplicate keys is the one read
   };
   for (const auto& line : bad) EXPECT_FALSE(decodes(line)) << line;
@@ -91,10 +77,7 @@ TEST(TranscriptLineTest, AFailureInsideContentDropsOnlyTheContent) {
     bool text;    // `contentText` is filled
   };
   const std::vector<Case> cases = {
-      {R"("hi")", false, true},
-      {R"(5)", false, false},
-      {R"({})", false, false},
-      {R"(true)", false, false},
+      {R"("hi")", false, true}, {R"(5)", false, false}, {R"({})", false, false}, {R"(true)", false, false},
       {R"([])", true, false},
       {R"([{"type":"text","text":"a"},{"type":"text","text":5}])", false, false},  // the good block goes too
       {R"([{"type":"tool_use","id":"t","name":"Bash","input":"ls"}])", false, false},
@@ -103,11 +86,8 @@ TEST(TranscriptLineTest, AFailureInsideContentDropsOnlyTheContent) {
       {R"([{"type":"image","source":"x"}])", false, false},
       {R"([{"type":"image","source":{"data":5}}])", false, false},
       {R"([{"type":"tool_result","tool_use_id":7}])", false, false},
-      {R"([{"type":5}])", false, false},
-      {R"([{"name":{}}])", false, false},
-      {R"([5])", false, false},
-      {R"([null])", false, false},
-      {R"(["text"])", false, false},
+      {R"([{"type":5}])", false, false}, {R"([{"name":{}}])", false, false}, {R"([5])", false, false},
+      {R"([null])", false, false}, {R"(["text"])", false, false},
       {R"([{"type":"text","text":null},{"type":"tool_use","input":null}])", true, false},
       {R"([{"type":"tool_result","tool_use_id":"t","content":5}])", true, false},  // a result never fails
       {R"([{"type":"mystery","input":{"other":[1,2],"command":"ls"}}])", true, false},
@@ -145,13 +125,9 @@ TEST(TranscriptLineTest, ToolResultContentNeverFails) {
       {"\"\xC3\xA9\xE2\x82\xAC\"", Kind::kText, 5},  // UTF-8 bytes, not characters
       {R"([{"text":"ab"},{"text":"cde","type":"text"}])", Kind::kBlocks, 5},
       {R"([{"type":"image","source":{}}])", Kind::kBlocks, 0},  // a block without text measures 0
-      {R"([{"text":null}])", Kind::kBlocks, 0},
-      {R"([])", Kind::kBlocks, 0},
-      {R"([{"text":"ab"},{"text":5}])", Kind::kOther, 0},
-      {R"([{"text":"ab"},"loose"])", Kind::kOther, 0},
-      {R"(5)", Kind::kOther, 0},
-      {R"({"text":"ab"})", Kind::kOther, 0},
-      {R"(null)", std::nullopt, 0},
+      {R"([{"text":null}])", Kind::kBlocks, 0}, {R"([])", Kind::kBlocks, 0},
+      {R"([{"text":"ab"},{"text":5}])", Kind::kOther, 0}, {R"([{"text":"ab"},"loose"])", Kind::kOther, 0},
+      {R"(5)", Kind::kOther, 0}, {R"({"text":"ab"})", Kind::kOther, 0}, {R"(null)", std::nullopt, 0},
   };
   for (const auto& c : cases) {
     RawTranscriptLine line;
@@ -181,8 +157,7 @@ TEST(TranscriptLineTest, TurnUsageTakesTheSplitOverTheFlatFigure) {
       {R"({"input_tokens":1,"output_tokens":2,"cache_read_input_tokens":3,"cache_creation_input_tokens":9,
           "cache_creation":{"ephemeral_5m_input_tokens":4,"ephemeral_1h_input_tokens":5},"service_tier":"standard"})",
        {1, 2, 3, 4, 5}},
-      {R"({})", {}},
-      {R"(null)", {}},
+      {R"({})", {}}, {R"(null)", {}},
   };
   for (const auto& c : cases) {
     RawTranscriptLine line;
@@ -190,6 +165,55 @@ TEST(TranscriptLineTest, TurnUsageTakesTheSplitOverTheFlatFigure) {
     EXPECT_EQ(turnUsage(line.message), c.expected) << c.usage;
   }
   EXPECT_EQ(turnUsage(std::nullopt), TurnUsage{});
+}
+
+std::optional<std::string> typedText(const std::string& json) {
+  RawTranscriptLine line;
+  EXPECT_TRUE(decodes(json, &line)) << json;
+  return extractTypedShareText(line);
+}
+
+std::optional<std::string> typedContent(const std::string& content) {
+  return typedText(R"({"type":"user","message":{"role":"user","content":)" + content + "}}");
+}
+
+TEST(MeterLineTest, TypedShareTextIsWhatAPersonTyped) {
+  struct Case {
+    std::string content;
+    std::optional<std::string> typed;
+  };
+  const std::vector<Case> cases = {
+      {R"("hello")", "hello"},
+      {R"("  hello \n\u2028")", "hello"},
+      {R"("\n\t ")", std::nullopt},
+      {R"("<command-name>/clear</command-name>")", std::nullopt},
+      {R"("<command-message>c</command-message>")", std::nullopt},
+      {R"("<local-command-stdout>d</local-command-stdout>")", std::nullopt},
+      {R"("<local-command-caveat>C</local-command-caveat>")", std::nullopt},
+      {R"("<task-notification><id>1</id></task-notification>")", std::nullopt},
+      {R"(" <command-name>x")", "<command-name>x"},  // the prefix tests look at the untrimmed text
+      {R"("<system-reminder>note</system-reminder>\nfix the bug")", "fix the bug"},
+      {R"("<system-reminder>a</system-reminder>b</system-reminder> c")", "b</system-reminder> c"},
+      {R"("<system-reminder>note</system-reminder>  \n")", std::nullopt},
+      {R"("<system-reminder>never closed")", "<system-reminder>never closed"},
+      {R"("fix it <system-reminder>x</system-reminder>")", "fix it <system-reminder>x</system-reminder>"},
+      {R"([{"type":"text","text":" a"},{"type":"image"},{"type":"text","text":""},{"type":"text","text":"b "}])",
+       "a\nb"},
+      {R"([{"type":"text","text":"<command-name>x"}])", "<command-name>x"},  // no tag tests on blocks
+      {R"([{"type":"tool_result","tool_use_id":"t","content":"out"}])", std::nullopt},
+      {R"([{"type":"text","text":"\n"},{"type":"text","text":" "}])", std::nullopt},
+      {R"(5)", std::nullopt},
+  };
+  for (const auto& c : cases) EXPECT_EQ(typedContent(c.content), c.typed) << c.content;
+
+  for (const char* flag : {"isMeta", "isCompactSummary", "isSidechain"}) {
+    EXPECT_EQ(typedText(std::string(R"({"type":"user",")") + flag + R"(":true,"message":{"content":"hi"}})"),
+              std::nullopt)
+        << flag;
+    EXPECT_EQ(typedText(std::string(R"({"type":"user",")") + flag + R"(":false,"message":{"content":"hi"}})"), "hi")
+        << flag;
+  }
+  EXPECT_EQ(typedText(R"({"type":"user"})"), std::nullopt);
 }
 
 }  // namespace

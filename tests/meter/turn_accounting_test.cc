@@ -68,17 +68,9 @@ TEST(TurnAccountingTest, AContinuingLineReplacesTheTurnsUsage) {
   EXPECT_EQ(r.totals.tokens.input, 0);
   EXPECT_EQ(r.totals.tokens.output, 4000);
   EXPECT_DOUBLE_EQ(r.totals.spent_usd, 0.05);
-  ASSERT_EQ(r.by_day.size(), 1u);
-  EXPECT_DOUBLE_EQ(r.by_day[0].spent_usd, 0.05);
   // The difference of a line on another model goes to that model, which
   // thus gets a row with no turns.
-  ASSERT_EQ(r.by_model.size(), 2u);
-  EXPECT_EQ(r.by_model[0].model, kOpus);
-  EXPECT_EQ(r.by_model[0].turns, 3);
-  EXPECT_DOUBLE_EQ(r.by_model[0].spent_usd, 0.075);
-  EXPECT_EQ(r.by_model[1].model, "");
-  EXPECT_EQ(r.by_model[1].turns, 0);
-  EXPECT_DOUBLE_EQ(r.by_model[1].spent_usd, -0.025);
+  EXPECT_EQ(r.by_model, (std::vector<ReceiptByModel>{{kOpus, 3, 0.075}, {"", 0, -0.025}}));
 }
 
 TEST(TurnAccountingTest, SwitchTaxFollowsTheModelTheSessionIsReallyOn) {
@@ -110,12 +102,9 @@ TEST(TurnAccountingTest, SwitchTaxFollowsTheModelTheSessionIsReallyOn) {
   EXPECT_EQ(s.sessions_distinct, 2);
   EXPECT_DOUBLE_EQ(s.floor_usd, roundUSD(2.7 * 90'000 / 1e6 + 2.7 * 80'000 / 1e6));
   EXPECT_DOUBLE_EQ(s.counterfactual_usd, roundUSD((3.75 - 0.5) * 50'000 / 1e6 + (3.75 - 0.5) * 60'000 / 1e6));
-  ASSERT_EQ(s.top_switches.size(), 2u);
-  EXPECT_EQ(s.top_switches[0].text, "shop: switched claude-opus-4-5 to claude-sonnet-4-5");
-  EXPECT_DOUBLE_EQ(s.top_switches[0].usd, 0.243);
-  EXPECT_EQ(s.top_switches[0].session_id, "cccccccc");
-  EXPECT_EQ(s.top_switches[1].text, "shop: switched claude-haiku-4-5 to claude-sonnet-4-5");
-  EXPECT_DOUBLE_EQ(s.top_switches[1].usd, 0.216);
+  EXPECT_EQ(s.top_switches, (std::vector<ReceiptDetailLine>{
+                                {"shop: switched claude-opus-4-5 to claude-sonnet-4-5", 0.243, "cccccccc"},
+                                {"shop: switched claude-haiku-4-5 to claude-sonnet-4-5", 0.216, "dddddddd"}}));
 
   // Warm, on sonnet: output 2,000 and 100,000 cache reads.
   EXPECT_DOUBLE_EQ(r.auto_compactions->primary_usd, roundUSD((15.0 * 2'000 + 0.3 * 100'000) / 1e6));
@@ -147,10 +136,9 @@ TEST(TurnAccountingTest, AMechanicalTurnHasToolCallsAndUnder200Characters) {
   ASSERT_EQ(downshift.key, "downshift");
   // Only the uncached input and the output can move to the sonnet row.
   const double r3 = (5.0 - 3.0) * 1'000 / 1e6 + (25.0 - 15.0) * 2'000 / 1e6;
-  ASSERT_EQ(downshift.detail_lines.size(), 2u);
-  EXPECT_EQ(downshift.detail_lines[0].text, "shop turn 1: downshift candidate");
-  EXPECT_EQ(downshift.detail_lines[1].text, "shop turn 4: downshift candidate");
-  EXPECT_DOUBLE_EQ(downshift.detail_lines[0].usd, r3);
+  EXPECT_EQ(downshift.detail_lines,
+            (std::vector<ReceiptDetailLine>{{"shop turn 1: downshift candidate", r3, "mmmmmmmm"},
+                                            {"shop turn 4: downshift candidate", r3, "mmmmmmmm"}}));
   EXPECT_DOUBLE_EQ(downshift.usd, roundUSD(2 * r3));
   EXPECT_EQ(downshift.sessions_distinct, 1);
 }
@@ -170,12 +158,9 @@ TEST(TurnAccountingTest, CacheExpiryNeedsAGapPastTheCachesLife) {
   const Receipt r = tree.run();
   const ReceiptCategory& expiry = r.waste.categories[3];
   ASSERT_EQ(expiry.key, "cache_expiry");
-  ASSERT_EQ(expiry.detail_lines.size(), 2u);
-  EXPECT_EQ(expiry.detail_lines[0].text, "shop turn 5: cache rebuilt");
-  EXPECT_DOUBLE_EQ(expiry.detail_lines[0].usd, roundUSD(9.5 * 60'000 / 1e6));
-  EXPECT_EQ(expiry.detail_lines[1].text, "shop turn 3: cache rebuilt");
-  EXPECT_DOUBLE_EQ(expiry.detail_lines[1].usd, roundUSD(5.75 * 60'000 / 1e6));
-  EXPECT_DOUBLE_EQ(expiry.usd, roundUSD(9.5 * 0.06 + 5.75 * 0.06));
+  EXPECT_EQ(expiry.detail_lines, (std::vector<ReceiptDetailLine>{{"shop turn 5: cache rebuilt", 0.57, "wwwwwwww"},
+                                                                 {"shop turn 3: cache rebuilt", 0.345, "wwwwwwww"}}));
+  EXPECT_DOUBLE_EQ(expiry.usd, 0.915);
 }
 
 TEST(TurnAccountingTest, TypedWordsArePricedOnceAtTheTurnTheyEnter) {
@@ -248,15 +233,11 @@ TEST(TurnAccountingTest, CompactionsArePricedFromTheLastRealTurnOncePerUuid) {
   EXPECT_EQ(c.example_pre_tokens, 100'000);
   EXPECT_EQ(c.example_post_tokens, 2'000);
   EXPECT_EQ(c.sessions_distinct, 1);
-  ASSERT_EQ(c.top_events.size(), 4u);
-  EXPECT_EQ(c.top_events[0].text, "shop session aaaaaaaa: pre 100000 post 2000");
-  EXPECT_DOUBLE_EQ(c.top_events[0].usd, roundUSD(cold));
-  EXPECT_DOUBLE_EQ(c.top_events[1].usd, roundUSD(warm));
-  EXPECT_EQ(c.top_events[2].text, "session session aaaaaaaa: pre 5000 post 100 (unpriced)");
-  EXPECT_EQ(c.top_events[2].usd, 0.0);
-  EXPECT_EQ(c.top_events[2].session_id, "aaaaaaaa");
-  EXPECT_EQ(c.top_events[3].text, "shop session aaaaaaaa: pre 50000 post 500 (unpriced)");
-  EXPECT_EQ(c.top_events[3].usd, 0.0);
+  EXPECT_EQ(c.top_events, (std::vector<ReceiptDetailLine>{
+                              {"shop session aaaaaaaa: pre 100000 post 2000", 0.55, "aaaaaaaa"},
+                              {"shop session aaaaaaaa: pre 100000 post 2000", 0.1, "aaaaaaaa"},
+                              {"session session aaaaaaaa: pre 5000 post 100 (unpriced)", 0.0, "aaaaaaaa"},
+                              {"shop session aaaaaaaa: pre 50000 post 500 (unpriced)", 0.0, "aaaaaaaa"}}));
   EXPECT_DOUBLE_EQ(r.totals.spent_usd, 0.075);  // estimates stand apart from spend
 }
 

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <iomanip>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -136,3 +137,15 @@ class Tree {
 };
 
 }  // namespace ostler::testing
+
+namespace ostler {
+
+// Readable failures for the receipt rows that tests compare whole.
+inline void PrintTo(const ReceiptDetailLine& d, std::ostream* os) {
+  *os << std::setprecision(17) << "{\"" << d.text << "\", " << d.usd << ", " << d.session_id.value_or("-") << "}";
+}
+inline void PrintTo(const ReceiptByModel& m, std::ostream* os) {
+  *os << std::setprecision(17) << "{\"" << m.model << "\", " << m.turns << ", " << m.spent_usd << "}";
+}
+
+}  // namespace ostler
