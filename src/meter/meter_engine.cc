@@ -85,12 +85,19 @@ Plan planFiles(const std::vector<SessionGroup>& groups) {
   return plan;
 }
 
+// A slice is read in chunks smaller than the reader's default: its reader
+// reads on past the slice's end to finish its last line, so this bounds the
+// bytes read twice, and a chunk is still in the core's cache when its lines
+// are parsed. The tree is read from memory, not disk, so smaller reads cost
+// little in calls.
+constexpr size_t kSliceChunkBytes = 256 << 10;
+
 // Opens `path` at the first line that starts within the slice.
 std::optional<LineReader> openSlice(const std::string& path, const FileSlice& slice) {
-  if (slice.begin == 0) return LineReader::open(path);
+  if (slice.begin == 0) return LineReader::open(path, kSliceChunkBytes);
   // Start one byte early: the line that holds that byte began in an earlier
   // slice (or ends right there), so it is dropped.
-  auto reader = LineReader::openAt(path, slice.begin - 1);
+  auto reader = LineReader::openAt(path, slice.begin - 1, kSliceChunkBytes);
   if (reader) (void)reader->nextLine();
   return reader;
 }
