@@ -103,7 +103,7 @@ TEST(PreReadTreeTest, FoldingGatheredLinesEqualsReadingTheTree) {
   expectSameReading(readTree(root, now, &preRead), read);
 
   // A file that grew since it was gathered is read from disk, whole.
-  appendFile(file, "\n" + testing::turnLine("2026-03-10T12:00:00.000Z", "req-late", {.input = 5, .output = 9}) + "\n");
+  appendFile(file, jsonl({"", testing::turnLine("2026-03-10T12:00:00.000Z", "req-late", {.input = 5, .output = 9})}));
   EXPECT_FALSE(preRead.serve(file, static_cast<int64_t>(std::filesystem::file_size(file))));
   expectSameReading(readTree(root, now, &preRead), readTree(root, now, nullptr));
 }
