@@ -71,6 +71,35 @@ void dispatchUnitCheck(const SessionState& state, const PricingTable& pricing, G
   agg.dispatchDownshiftSpendUSD += state.unitSpent;
 }
 
+namespace {
+
+// The session's media loops, found on one timeline of its files.
+void flushMediaLoops(const SessionState& state, const std::string& project, const std::vector<double>& keepR1,
+                     GlobalAggregator& agg) {
+  std::vector<const MediaEvent*> timeline;
+  timeline.reserve(state.mediaSequence.size());
+  for (const auto& e : state.mediaSequence) timeline.push_back(&e);
+  std::stable_sort(timeline.begin(), timeline.end(), [](const MediaEvent* a, const MediaEvent* b) {
+    if (a->timestamp != b->timestamp) return a->timestamp < b->timestamp;
+    if (a->filePath != b->filePath) return a->filePath < b->filePath;
+    return a->lineNumber < b->lineNumber;
+  });
+  std::vector<const MediaEvent*> run;
+  std::optional<size_t> previousImage;
+  for (size_t i = 0; i < timeline.size(); ++i) {
+    if (!timeline[i]->hasImage) continue;
+    if (previousImage && i - *previousImage > 4) {
+      flushMediaRun(run, state.sessionId, project, keepR1, agg);
+      run.clear();
+    }
+    run.push_back(timeline[i]);
+    previousImage = i;
+  }
+  flushMediaRun(run, state.sessionId, project, keepR1, agg);
+}
+
+}  // namespace
+
 void finalizeSession(SessionState& state, const std::string& folderNameFallback, GlobalAggregator& agg) {
   // 1.
   if (state.turnCount < 1) return;
@@ -206,27 +235,9 @@ void finalizeSession(SessionState& state, const std::string& folderNameFallback,
     if (kept > 0) agg.w3Candidates.push_back({dump.text, kept, id8});
   }
 
-  // 12. Media loops, on one timeline of the session's files.
-  std::vector<const MediaEvent*> timeline;
-  timeline.reserve(state.mediaSequence.size());
-  for (const auto& e : state.mediaSequence) timeline.push_back(&e);
-  std::stable_sort(timeline.begin(), timeline.end(), [](const MediaEvent* a, const MediaEvent* b) {
-    if (a->timestamp != b->timestamp) return a->timestamp < b->timestamp;
-    if (a->filePath != b->filePath) return a->filePath < b->filePath;
-    return a->lineNumber < b->lineNumber;
-  });
-  std::vector<const MediaEvent*> run;
-  std::optional<size_t> previousImage;
-  for (size_t i = 0; i < timeline.size(); ++i) {
-    if (!timeline[i]->hasImage) continue;
-    if (previousImage && i - *previousImage > 4) {
-      flushMediaRun(run, state.sessionId, project, keepR1, agg);
-      run.clear();
-    }
-    run.push_back(timeline[i]);
-    previousImage = i;
-  }
-  flushMediaRun(run, state.sessionId, project, keepR1, agg);
+  // 12. Media loops, on one timeline of the session's files. A session
+  // without images has none, and most have none: its timeline is not sorted.
+  if (hasAnyImage(state)) flushMediaLoops(state, project, keepR1, agg);
 
   // 13.
   if (double(state.toolUseOnlyCount) / double(n) >= 0.7)
@@ -240,6 +251,11 @@ void finalizeSession(SessionState& state, const std::string& folderNameFallback,
   p.sessions += 1;
   p.usd += state.spent;
   agg.topSessions.push_back({state.sessionId, project, state.spent, n, state.contextPeak});
+}
+
+bool hasAnyImage(const SessionState& state) {
+  return std::any_of(state.mediaSequence.begin(), state.mediaSequence.end(),
+                     [](const MediaEvent& e) { return e.hasImage; });
 }
 
 }  // namespace ostler

@@ -19,6 +19,10 @@ namespace ostler {
 // leaves no trace.
 void finalizeSession(SessionState& state, const std::string& folderNameFallback, GlobalAggregator& agg);
 
+// Whether one of the session's user lines held an image: without one, its
+// timeline of user lines makes no media loop.
+[[nodiscard]] bool hasAnyImage(const SessionState& state);
+
 // Appends the media loop of `run` when it holds at least five images.
 // `keepRatioR1[t]` is the share of its R1 that turn t kept.
 void flushMediaRun(const std::vector<const MediaEvent*>& run, const std::string& sessionId,

@@ -565,8 +565,16 @@ void readBothPassesOnce(const std::vector<SessionGroup>& groups, const Plan& pla
       [&](size_t) {
         for (size_t i = 0; i < passes.size(); ++i) {
           SessionState& state = passes[i].state;
-          // What only the fold needed goes now rather than wait with the rest.
+          // What only the fold needed goes now rather than wait with the rest;
+          // so does the timeline of a session without images, which holds a
+          // record of every user line.
           state.pendingToolUsesById = {};
+          if (!hasAnyImage(state)) {
+            state.mediaSequence = {};
+            state.pendingMediaIndices = {};
+            state.mediaFilePath = {};
+            state.strings = StringArena();
+          }
           waiting[i].push_back(std::move(state));
         }
       });
