@@ -114,6 +114,18 @@ class PreReadTree final : public LineTap {
           visit(static_cast<const Line&>(line));
         }
     }
+    // The same for the decoded assistant lines alone, which are all a
+    // reader of requests needs: the others are not unpacked.
+    template <typename Visit>
+    void forEachAssistantLine(Visit&& visit) const {
+      Line line;
+      for (const SliceLines* s : slices)
+        for (const SliceLines::Packed& p : s->lines_) {
+          if (!p.decoded || p.type != LiveLine::Type::kAssistant) continue;
+          s->unpack(p, line);
+          visit(static_cast<const Line&>(line));
+        }
+    }
   };
   [[nodiscard]] std::optional<Served> serve(const std::string& path, int64_t size) const;
 

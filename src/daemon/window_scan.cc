@@ -181,9 +181,7 @@ Result scan(const std::string& root, const PricingTable& pricing, const PreReadT
       struct stat st;
       if (::stat(file.path.c_str(), &st) == 0) {
         if (auto served = preRead->serve(file.path, st.st_size)) {
-          served->forEachLine([&](const PreReadTree::Line& line) {
-            if (line.decoded) add(line.line, fold);
-          });
+          served->forEachAssistantLine([&](const PreReadTree::Line& line) { add(line.line, fold); });
           fold.flush();
           continue;
         }
