@@ -44,6 +44,7 @@ std::set<std::string> LiveEngine::poll(const std::string& root, InstantMs now,
     gcDeadEntries(files);
   }
   sessionsWithSubagentFiles_.clear();
+  dispatchMemoAt_.reset();
   for (const DaemonFile& file : files)
     if (file.isSubagent) sessionsWithSubagentFiles_.insert(file.sessionId);
   fileSizes_->beginPoll();

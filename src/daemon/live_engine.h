@@ -266,8 +266,8 @@ class LiveEngine {
   // Works out the reset instant whenever the quota fields change, rather
   // than parsing the phrase in a named zone at every snapshot.
   void resolveQuotaReset();
-  [[nodiscard]] std::vector<std::string> activeDispatchFiles(const std::string& sessionId,
-                                                             const SessionLiveState& s, InstantMs now) const;
+  [[nodiscard]] const std::vector<std::string>& activeDispatchFiles(const std::string& sessionId,
+                                                                    const SessionLiveState& s, InstantMs now) const;
   [[nodiscard]] FeedWindow gauge(WindowShape shape, std::optional<InstantMs> anchor,
                                  const std::optional<std::string>& note,
                                  const std::optional<CutoffObservation>& wall, InstantMs now) const;
@@ -317,6 +317,11 @@ class LiveEngine {
   // Sessions with subagent files at the last poll: only their folders can
   // hold a running agent, so the snapshots look in no other.
   std::set<std::string> sessionsWithSubagentFiles_;
+  // Their running agents as of one instant. A feed asks for a chat's agents
+  // for its rows and again for the live figures, all at one `now`, and each
+  // asking walks a folder; a poll or another instant starts afresh.
+  mutable std::optional<InstantMs> dispatchMemoAt_;
+  mutable std::unordered_map<std::string, std::vector<std::string>> dispatchMemo_;
 
   // Snapshots; in memory only.
   std::map<std::string, SessionsAllMemoEntry> sessionsAllMemo_;  // by session id

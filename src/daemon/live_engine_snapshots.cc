@@ -28,10 +28,19 @@ std::string transcriptPath(const std::string& projectDirPath, const std::string&
 
 }  // namespace
 
-std::vector<std::string> LiveEngine::activeDispatchFiles(const std::string& sessionId, const SessionLiveState& s,
-                                                         InstantMs now) const {
-  if (!sessionsWithSubagentFiles_.contains(sessionId)) return {};
-  return SessionDiscovery::activeDispatchFiles(s.projectDirPath, sessionId, now, kActiveDispatchWithinSeconds);
+const std::vector<std::string>& LiveEngine::activeDispatchFiles(const std::string& sessionId,
+                                                                const SessionLiveState& s, InstantMs now) const {
+  static const std::vector<std::string> kNone;
+  if (!sessionsWithSubagentFiles_.contains(sessionId)) return kNone;
+  if (dispatchMemoAt_ != now) {
+    dispatchMemo_.clear();
+    dispatchMemoAt_ = now;
+  }
+  auto [entry, isNew] = dispatchMemo_.try_emplace(sessionId);
+  if (isNew)
+    entry->second =
+        SessionDiscovery::activeDispatchFiles(s.projectDirPath, sessionId, now, kActiveDispatchWithinSeconds);
+  return entry->second;
 }
 
 FeedToday LiveEngine::snapshotToday(double windowedWasteUSD, double windowedMediaReadsUSD,
