@@ -152,17 +152,6 @@ bool daemonLineFromMeter(const RawTranscriptLine& meter, DaemonRawLine* out) {
   out->sessionId = meter.sessionId;
   out->cwd = meter.cwd;
   out->requestId = meter.requestId;
-  if (meter.message) {
-    DaemonRawMessage& m = out->message.emplace();
-    m.model = meter.message->model;
-    m.usage = meter.message->usage;
-    m.contentText = meter.message->contentText;
-    if (meter.message->content) {
-      auto& blocks = m.content.emplace(std::move(spare));
-      blocks.clear();
-      for (const RawContentBlock& b : *meter.message->content) blocks.push_back({b.type, b.text, b.source});
-    }
-  }
   bool ok = true;
   const RawSideKeys& side = meter.side;
   if (side.error) out->error = json::optString(*side.error, ok);
@@ -170,6 +159,17 @@ bool daemonLineFromMeter(const RawTranscriptLine& meter, DaemonRawLine* out) {
   if (side.customTitle) out->customTitle = json::optString(*side.customTitle, ok);
   if (side.lastPrompt) out->lastPrompt = json::optString(*side.lastPrompt, ok);
   if (side.isApiErrorMessage) out->isApiErrorMessage = json::optBool(*side.isApiErrorMessage, ok);
+  if (meter.message) {
+    DaemonRawMessage& m = out->message.emplace();
+    m.model = meter.message->model;
+    m.usage = meter.message->usage;
+    m.contentText = meter.message->contentText;
+    if (meter.message->content && out->isApiErrorMessage == true) {
+      auto& blocks = m.content.emplace(std::move(spare));
+      blocks.clear();
+      for (const RawContentBlock& b : *meter.message->content) blocks.push_back({b.type, b.text, b.source});
+    }
+  }
   return ok;
 }
 

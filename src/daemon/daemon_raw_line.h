@@ -66,7 +66,9 @@ struct DaemonRawLine {
 // every key the two share with the same strictness: valid only when the
 // meter's decoding succeeded and, when `content` is a list, read it too (the
 // meter's blocks are stricter). Returns false when one of the keys only this
-// reading has is of the wrong type, as decoding would.
+// reading has is of the wrong type, as decoding would. The block list is
+// carried over for an API error message alone, whose text the engine reads;
+// of other lines it reads only the images, which the meter has counted.
 [[nodiscard]] bool daemonLineFromMeter(const RawTranscriptLine& meter, DaemonRawLine* out);
 
 // Parser and decoder together; one per engine or scan, reused line after line.
