@@ -79,6 +79,9 @@ int runForever(const DaemonOptions& options, const ShutdownSignalSource& shutdow
     (void)PersistedStateIO::save(engine.persistenceView(options.root), options.scratchPath);
   });
   Feed feed = assembleFeed(engine, *bundle, finishedAt, options, check, {}, services);
+  // The chat rows, the bulk of the feed, are encoded while the save goes
+  // on; only the save's own figures must wait for it.
+  writer.prepare(feed);
   saving.get();
   (void)persistAndRecord(engine, options, /*alreadySaved=*/true);
   feed.diagnostics.persist = engine.persistDiagnostics();

@@ -267,22 +267,30 @@ std::string encodeFeedJSON(const Feed& feed) {
   return out;
 }
 
+FeedEncoder::EncodedRow& FeedEncoder::encodedRow(const FeedSession& row) {
+  EncodedRow& known = rows_[row.sessionId];
+  if (known.text.empty() || !(known.row == row)) {
+    // A row sits two levels deep: four more spaces on every line.
+    known.text = "    ";
+    for (char c : pretty(toJson(row))) {
+      known.text += c;
+      if (c == '\n') known.text += "    ";
+    }
+    known.row = row;
+  }
+  return known;
+}
+
+void FeedEncoder::prepareRows(const Feed& feed) {
+  for (const FeedSession& row : feed.sessions_all) (void)encodedRow(row);
+}
+
 std::string FeedEncoder::encode(const Feed& feed) {
   std::string out = pretty(toJsonWithoutInventory(feed));
   const uint64_t encoding = ++encodings_;
   std::string inventory = "\n  \"sessions_all\": [";
   for (size_t i = 0; i < feed.sessions_all.size(); ++i) {
-    const FeedSession& row = feed.sessions_all[i];
-    EncodedRow& known = rows_[row.sessionId];
-    if (known.text.empty() || !(known.row == row)) {
-      // A row sits two levels deep: four more spaces on every line.
-      known.text = "    ";
-      for (char c : pretty(toJson(row))) {
-        known.text += c;
-        if (c == '\n') known.text += "    ";
-      }
-      known.row = row;
-    }
+    EncodedRow& known = encodedRow(feed.sessions_all[i]);
     known.usedIn = encoding;
     inventory += i == 0 ? "\n" : ",\n";
     inventory += known.text;

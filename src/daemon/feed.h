@@ -192,12 +192,18 @@ class FeedEncoder {
  public:
   [[nodiscard]] std::string encode(const Feed& feed);
 
+  // Encodes the rows of `feed` that are new or changed, ahead of the encode
+  // that will take them, so that it only assembles them.
+  void prepareRows(const Feed& feed);
+
  private:
   struct EncodedRow {
     FeedSession row;
     std::string text;     // indented for its place in the array
     uint64_t usedIn = 0;  // the last encoding that used it
   };
+  // The row's entry, its text brought up to date.
+  EncodedRow& encodedRow(const FeedSession& row);
   std::unordered_map<std::string, EncodedRow> rows_;  // by session id
   uint64_t encodings_ = 0;
 };

@@ -26,6 +26,10 @@ class FeedWriter {
   // `lastWriteAt` is unchanged. The parent directory is not created.
   Result<int64_t> writeNow(const Feed& feed);
 
+  // Encodes ahead what of `feed` a later write of it can reuse, for a caller
+  // that has the feed before it may write it.
+  void prepare(const Feed& feed) { encoder_.prepareRows(feed); }
+
   // Writes as `writeNow` unless the last write was less than `minInterval`
   // before `now`. Returns whether it wrote, or the write's error.
   Result<bool> writeDebounced(const Feed& feed, InstantMs now);

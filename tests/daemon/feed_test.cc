@@ -160,6 +160,15 @@ TEST(FeedTest, EveryKeyRoundTripsAndReusedRowsGiveTheSameBytes) {
   EXPECT_EQ(encoder.encode(f), encodeFeedJSON(f));
   f.sessions_all = {row("b")};
   EXPECT_EQ(encoder.encode(f), encodeFeedJSON(f));
+
+  // Rows encoded ahead of a feed whose rows then changed still give the
+  // feed's own bytes, the ahead one's rows included when they come back.
+  Feed ahead = fullFeed();
+  encoder.prepareRows(ahead);
+  f.sessions_all = {row("b"), row("d")};
+  f.sessions_all[0].temperature = "cold";
+  EXPECT_EQ(encoder.encode(f), encodeFeedJSON(f));
+  EXPECT_EQ(encoder.encode(ahead), encodeFeedJSON(ahead));
 }
 
 TEST(FeedWriterTest, DebouncesBelowTheMinimumIntervalAndWritesAtIt) {
