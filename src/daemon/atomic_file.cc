@@ -28,25 +28,57 @@ bool writeAll(int fd, std::string_view bytes) {
 
 }  // namespace
 
-Result<int64_t> write(const std::string& path, std::string_view bytes) {
-  std::string temp = path + ".tmp-XXXXXX";
-  int fd = ::mkstemp(temp.data());
-  if (fd < 0) return systemError("cannot create a temporary file for", path);
-  bool ok = writeAll(fd, bytes);
-  Error failure = ok ? Error{} : systemError("cannot write", temp);
-  if (::close(fd) != 0 && ok) {
-    ok = false;
-    failure = systemError("cannot close", temp);
+Replacement::Replacement(std::string path) : path_(std::move(path)) {
+  std::string temp = path_ + ".tmp-XXXXXX";
+  fd_ = ::mkstemp(temp.data());
+  if (fd_ < 0)
+    failure_ = systemError("cannot create a temporary file for", path_);
+  else
+    temp_ = std::move(temp);
+}
+
+Replacement::~Replacement() { discard(); }
+
+bool Replacement::append(std::string_view bytes) {
+  if (failure_) return false;
+  if (!writeAll(fd_, bytes)) {
+    failure_ = systemError("cannot write", temp_);
+    return false;
   }
-  if (ok && ::rename(temp.c_str(), path.c_str()) != 0) {
-    ok = false;
-    failure = systemError("cannot rename over", path);
+  written_ += static_cast<int64_t>(bytes.size());
+  return true;
+}
+
+Result<int64_t> Replacement::commit() {
+  if (fd_ >= 0) {
+    // The descriptor is released even when closing reports an error.
+    const bool closed = ::close(fd_) == 0;
+    fd_ = -1;
+    if (!closed && !failure_) failure_ = systemError("cannot close", temp_);
   }
-  if (!ok) {
-    ::unlink(temp.c_str());
+  if (!failure_ && ::rename(temp_.c_str(), path_.c_str()) != 0) failure_ = systemError("cannot rename over", path_);
+  if (failure_) {
+    Error failure = *failure_;
+    discard();
     return failure;
   }
-  return static_cast<int64_t>(bytes.size());
+  temp_.clear();  // renamed: nothing left to remove
+  return written_;
+}
+
+void Replacement::discard() {
+  if (fd_ >= 0) {
+    ::close(fd_);
+    fd_ = -1;
+  }
+  if (!temp_.empty()) ::unlink(temp_.c_str());
+  temp_.clear();
+}
+
+Result<int64_t> write(const std::string& path, std::string_view bytes) {
+  Replacement file(path);
+  file.append(bytes);
+  return file.commit();
 }
 
 }  // namespace ostler::AtomicFile

@@ -10,12 +10,40 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "meter/status.h"
 
 namespace ostler::AtomicFile {
+
+// A replacement of `path` written in pieces, so that a large file need not
+// be held whole in memory first. Dropped without a commit, or after a piece
+// failed, it removes its temporary file and leaves `path` as it was. The
+// parent directory must exist.
+class Replacement {
+ public:
+  explicit Replacement(std::string path);
+  ~Replacement();
+  Replacement(const Replacement&) = delete;
+  Replacement& operator=(const Replacement&) = delete;
+
+  // Appends `bytes`; false once a write has failed, after which every piece
+  // is dropped.
+  bool append(std::string_view bytes);
+  // Renames the file over `path`. Returns the number of bytes written.
+  [[nodiscard]] Result<int64_t> commit();
+
+ private:
+  void discard();
+
+  std::string path_;
+  std::string temp_;  // the temporary file while it exists
+  int fd_ = -1;
+  int64_t written_ = 0;
+  std::optional<Error> failure_;
+};
 
 // Replaces `path` with `bytes`. Returns the number of bytes written. On
 // failure the temporary file is removed and `path` is left as it was. The

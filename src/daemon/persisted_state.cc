@@ -40,7 +40,10 @@ Result<int64_t> saveState(const State& state, const std::string& path) {
     std::filesystem::create_directories(dir, ec);
     if (ec) return Error{"cannot create " + dir.string() + ": " + ec.message()};
   }
-  return AtomicFile::write(path, PersistedStateCodec::encode(state));
+  // Written as it is encoded: the text runs to megabytes.
+  AtomicFile::Replacement file(path);
+  (void)PersistedStateCodec::encode(state, [&file](std::string_view piece) { return file.append(piece); });
+  return file.commit();
 }
 
 }  // namespace

@@ -29,13 +29,14 @@ constexpr std::array<uint8_t, 256> kByteClass = [] {
 
 // The text under construction: one buffer written through a cursor. Each
 // write asks for room first; the buffer grows only when the guess of the
-// whole size fell short.
+// whole size fell short. Written out in pieces instead, it hands what it
+// holds to the sink whenever room runs short.
 class Text {
  public:
-  explicit Text(size_t capacity) : bytes_(capacity, '\0') {}
+  explicit Text(size_t capacity, const Sink* sink = nullptr) : bytes_(capacity, '\0'), sink_(sink) {}
 
   char* room(size_t n) {
-    if (bytes_.size() - used_ < n) bytes_.resize(std::max(2 * bytes_.size(), used_ + n));
+    if (bytes_.size() - used_ < n) makeRoom(n);
     return bytes_.data() + used_;
   }
   void commit(const char* end) { used_ = static_cast<size_t>(end - bytes_.data()); }
@@ -51,10 +52,30 @@ class Text {
     bytes_.resize(used_);
     return std::move(bytes_);
   }
+  // Hands the rest to the sink. Whether the sink took every piece.
+  bool finish() {
+    flush();
+    return taken_;
+  }
 
  private:
+  void makeRoom(size_t n) {
+    if (sink_ != nullptr) {
+      flush();
+      if (bytes_.size() >= n) return;
+    }
+    bytes_.resize(std::max(2 * bytes_.size(), used_ + n));
+  }
+  void flush() {
+    // After a refused piece the rest is dropped: the file is lost anyway.
+    if (used_ > 0 && taken_) taken_ = (*sink_)(std::string_view(bytes_.data(), used_));
+    used_ = 0;
+  }
+
   std::string bytes_;
   size_t used_ = 0;
+  const Sink* sink_;
+  bool taken_ = true;
 };
 
 void appendEscape(Text& out, unsigned char c) {
@@ -604,9 +625,12 @@ std::optional<PersistedState> decodeState(element doc, const std::string& expect
 
 namespace {
 
+// Pieces handed to a sink at a time: small enough to stay in the core's
+// cache, large enough to take few writes.
+constexpr size_t kPieceBytes = 256 << 10;
+
 template <typename State>
-std::string encodeState(const State& s) {
-  Text out(sizeGuess(s));
+void writeState(const State& s, Text& out) {
   {
     ObjectWriter o(out);
     if (s.cachedWalls) put(o.key("cachedWalls"), *s.cachedWalls);
@@ -645,13 +669,28 @@ std::string encodeState(const State& s) {
     putMap(o.key("todayTokensByFamily"), s.todayTokensByFamily, putInt);
     o.integer("todayTurns", s.todayTurns);
   }
+}
+
+template <typename State>
+std::string encodeState(const State& s) {
+  Text out(sizeGuess(s));
+  writeState(s, out);
   return std::move(out).take();
+}
+
+template <typename State>
+bool encodeState(const State& s, const Sink& sink) {
+  Text out(std::min(sizeGuess(s), kPieceBytes), &sink);
+  writeState(s, out);
+  return out.finish();
 }
 
 }  // namespace
 
 std::string encode(const PersistedState& state) { return encodeState(state); }
 std::string encode(const PersistedStateView& state) { return encodeState(state); }
+bool encode(const PersistedState& state, const Sink& sink) { return encodeState(state, sink); }
+bool encode(const PersistedStateView& state, const Sink& sink) { return encodeState(state, sink); }
 
 std::optional<PersistedState> decode(std::string_view text, const std::string& expectedRoot, bool padded) {
   // A byte order mark is not JSON but is commonly allowed before it.

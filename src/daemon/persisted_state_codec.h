@@ -7,6 +7,7 @@
 // since 2001 as numbers.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -22,6 +23,13 @@ namespace ostler::PersistedStateCodec {
 // cannot hold, are written as null and so fail the next load.
 [[nodiscard]] std::string encode(const PersistedState& state);
 [[nodiscard]] std::string encode(const PersistedStateView& state);
+
+// The same text handed to `sink` in pieces of a few hundred kilobytes, so
+// that megabytes of it are never held at once. Returns false once the sink
+// refused a piece, whose rest is then dropped.
+using Sink = std::function<bool(std::string_view piece)>;
+[[nodiscard]] bool encode(const PersistedState& state, const Sink& sink);
+[[nodiscard]] bool encode(const PersistedStateView& state, const Sink& sink);
 
 // The state in `text` when it is one JSON object of version 3 for
 // `expectedRoot` with every required key present and of its type; nothing

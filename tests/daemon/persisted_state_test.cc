@@ -264,6 +264,26 @@ TEST(PersistedStateTest, SavesAtomicallyAndLoadsOnlyItsOwnFile) {
   EXPECT_FALSE(PersistedStateIO::load(dir.str(), s.root));
   writeFile(path, "");
   EXPECT_FALSE(PersistedStateIO::load(path, s.root));
+
+  // A state of several pieces is written as it is encoded, to the same text;
+  // a sink that refuses a piece is handed no more.
+  PersistedState big = numbers();
+  while (big.recentBurns.size() < 8000) big.recentBurns.push_back(big.recentBurns[big.recentBurns.size() % 2000]);
+  ASSERT_TRUE(PersistedStateIO::save(big, path).ok());
+  const std::string whole = PersistedStateCodec::encode(big);
+  EXPECT_EQ(readFile(path), whole);
+  std::vector<size_t> pieces;
+  EXPECT_TRUE(PersistedStateCodec::encode(big, [&](std::string_view piece) {
+    pieces.push_back(piece.size());
+    return true;
+  }));
+  EXPECT_GE(pieces.size(), 3u);
+  pieces.clear();
+  EXPECT_FALSE(PersistedStateCodec::encode(big, [&](std::string_view piece) {
+    pieces.push_back(piece.size());
+    return pieces.size() < 2;
+  }));
+  EXPECT_EQ(pieces.size(), 2u);
 }
 
 TEST(PersistedStateTest, DefaultPathIsOneFilePerRootString) {
