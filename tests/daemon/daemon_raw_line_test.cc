@@ -18,15 +18,13 @@ TEST(DaemonRawLineTest, StrictOnReadKeysButBlindToOthers) {
   EXPECT_TRUE(decode(R"({"type":"assistant","uuid":5,"isMeta":"yes","subtype":[],"compactMetadata":7})", &line));
   EXPECT_EQ(line.type, "assistant");
 
-  // Each read key of the wrong type fails the whole line.
+  // Each read key of the wrong type fails the whole line; the usage object
+  // is the meter's own, whose keys its tests go through one by one.
   for (const char* bad : {
            R"({"type":1})", R"({"timestamp":false})", R"({"sessionId":{}})", R"({"cwd":2})",
            R"({"isApiErrorMessage":"true"})", R"({"error":{"message":"x"}})", R"({"requestId":9})",
            R"({"aiTitle":[]})", R"({"customTitle":1})", R"({"lastPrompt":true})", R"({"message":"hi"})",
-           R"({"message":{"model":4}})", R"({"message":{"usage":[]}})",
-           R"({"message":{"usage":{"input_tokens":1.5}}})", R"({"message":{"usage":{"cache_creation":3}}})",
-           R"({"message":{"usage":{"cache_creation":{"ephemeral_1h_input_tokens":"4"}}}})",
-           R"({"message":{"usage":{"output_tokens":99999999999999999999}}})", R"([1,2])", R"(not json)"}) {
+           R"({"message":{"model":4}})", R"({"message":{"usage":{"input_tokens":1.5}}})", R"([1,2])"}) {
     EXPECT_FALSE(decode(bad, &line)) << bad;
   }
 

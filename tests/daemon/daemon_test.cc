@@ -172,14 +172,11 @@ TEST(RecomputeGateTest, TouchesOutOfBandChecksAndTheSettledBackoff) {
   EXPECT_TRUE(h.gate(at + 600, false));
   at += 600;
   h.finishAt(at);
-  // A touch is due at the usual 45 seconds and resets the count.
+  // A touch is due at the usual 45 seconds and resets the count, so the
+  // next untouched look is 45 seconds on again.
   EXPECT_TRUE(h.gate(at + 45, true));
   at += 45;
   h.finishAt(at);
-  {
-    std::lock_guard lock(h.state->stateLock);
-    EXPECT_EQ(h.state->outOfBandBackoff.consecutiveSmallMoves, 0);
-  }
   EXPECT_TRUE(h.gate(at + 45, false));
 
   // Once the two sums agree again, nothing is due however long it stays so.
@@ -194,7 +191,9 @@ TEST(RecomputeGateTest, TouchesOutOfBandChecksAndTheSettledBackoff) {
   EXPECT_FALSE(h.gate(at + 86'400, false));
 }
 
-TEST(AssembleFeedTest, SpendTurnsWindowedOnlyOnceARecomputeBringsFreshTokens) {
+// The spend turns windowed only once a recompute brings fresh tokens; the
+// month gauge and the extra usage reason appear with their config files.
+TEST(AssembleFeedTest, SpendBasisFollowsTheRecomputesAndConfigFilesAddTheirKeys) {
   Polled h;
   auto recompute = [&](double seconds, bool touched) {
     ASSERT_TRUE(h.gate(seconds, touched));
@@ -205,55 +204,38 @@ TEST(AssembleFeedTest, SpendTurnsWindowedOnlyOnceARecomputeBringsFreshTokens) {
     return Daemon::assembleFeed(h.engine, *h.state->odometerBundle, h.clock.nowMs(), h.options,
                                 h.state->lastEqualityDiagnostics, {}, h.services());
   };
+  h.options.ostlerConfigPath = (h.dir.path() / "config.json").string();
+  h.options.claudeConfigPath = (h.dir.path() / "claude.json").string();
 
   fs::remove(h.transcript());
   recompute(0, true);
   Feed first = feed();
-  EXPECT_FALSE(first.diagnostics.equality->matches);
   EXPECT_EQ(first.today.spent_basis, "accumulator");
   EXPECT_EQ(first.today.spent_usd, 1.0);
   EXPECT_EQ(first.today.windowed_computed_at, std::nullopt);
+  EXPECT_EQ(first.windows.month, std::nullopt);
+  EXPECT_EQ(first.quota.extra_usage_disabled_reason, std::nullopt);
 
   recompute(45, false);
   Feed second = feed();
   EXPECT_EQ(second.today.spent_basis, "windowed");
   EXPECT_EQ(second.today.spent_usd, 0.0);
-  EXPECT_EQ(second.today.turns, 0);
   EXPECT_EQ(second.today.windowed_computed_at, ISO8601::fractional(kNow + 45'000));
   EXPECT_EQ(second.today.tokens_by_family.at("haiku"), 0);
 
   writeFile(h.transcript(), jsonl({dollarTurn(kNow - 3'600'000, "r1")}));
   recompute(90, false);
-  Feed third = feed();
-  EXPECT_TRUE(third.diagnostics.equality->matches);
-  EXPECT_EQ(third.today.spent_basis, "accumulator");
-  EXPECT_EQ(third.today.spent_usd, 1.0);
-  EXPECT_EQ(third.today.tokens_by_family.at("haiku"), 1'000'000);
-}
-
-TEST(AssembleFeedTest, MonthGaugeAndExtraUsageReasonFollowTheConfigFiles) {
-  Polled h;
-  ASSERT_TRUE(h.gate(0, true));
-  h.finishAt(0);
-  auto feed = [&] {
-    std::lock_guard lock(h.state->stateLock);
-    return Daemon::assembleFeed(h.engine, *h.state->odometerBundle, h.clock.nowMs(), h.options,
-                                h.state->lastEqualityDiagnostics, {}, h.services());
-  };
-  h.options.ostlerConfigPath = (h.dir.path() / "config.json").string();
-  h.options.claudeConfigPath = (h.dir.path() / "claude.json").string();
-  Feed without = feed();
-  EXPECT_EQ(without.windows.month, std::nullopt);
-  EXPECT_EQ(without.quota.extra_usage_disabled_reason, std::nullopt);
-
   // Billed since the 10th at midnight: the day's dollar, an hour old.
   writeFile(h.options.ostlerConfigPath, R"({"billing_day": 10})");
   writeFile(h.options.claudeConfigPath, R"({"cachedExtraUsageDisabledReason": "out_of_credits"})");
-  Feed with = feed();
-  ASSERT_TRUE(with.windows.month);
-  EXPECT_EQ(with.windows.month->anchor, "2026-03-10T00:00:00.000Z");
-  EXPECT_EQ(with.windows.month->burn_value, 1.0);
-  EXPECT_EQ(with.quota.extra_usage_disabled_reason, "out_of_credits");
+  Feed third = feed();
+  EXPECT_EQ(third.today.spent_basis, "accumulator");
+  EXPECT_EQ(third.today.spent_usd, 1.0);
+  EXPECT_EQ(third.today.tokens_by_family.at("haiku"), 1'000'000);
+  ASSERT_TRUE(third.windows.month);
+  EXPECT_EQ(third.windows.month->anchor, "2026-03-10T00:00:00.000Z");
+  EXPECT_EQ(third.windows.month->burn_value, 1.0);
+  EXPECT_EQ(third.quota.extra_usage_disabled_reason, "out_of_credits");
 }
 
 // A tick with a bundle in place, as after the initial pass.

@@ -83,7 +83,10 @@ TEST(FeedTest, EmptyOptionalKeysAreLeftOutAndDiagnosticsIsAlwaysAnObject) {
   EXPECT_EQ(text.back(), '\n');
 }
 
-TEST(FeedTest, OlderFeedsDecodeWithTheEmptyDefaults) {
+// Only the tests read feeds back, so the decoder's own rules are checked
+// once each: an older feed's missing sections take their empty defaults;
+// anything else missing or mistyped fails.
+TEST(FeedTest, OlderFeedsDecodeWithTheEmptyDefaultsAndEverythingElseStrictly) {
   json old = {
       {"schema", "ostler.feed.v-old"},
       {"generated_at", "2026-03-10T12:00:00.000Z"},
@@ -108,12 +111,8 @@ TEST(FeedTest, OlderFeedsDecodeWithTheEmptyDefaults) {
   today.avoidable_usd = 0.5;
   today.turns = 3;
   EXPECT_EQ(f.today, today);
-  EXPECT_EQ(today.avoidable_basis, "windowed pass");
-}
 
-TEST(FeedTest, EverythingElseDecodesStrictly) {
   const json good = toJson(fullFeed());
-  ASSERT_TRUE(decodeFeed(good).ok());
   auto fails = [&](auto change) {
     json j = good;
     change(j);
@@ -122,20 +121,10 @@ TEST(FeedTest, EverythingElseDecodesStrictly) {
   for (const char* key : {"generated_at", "media_loops_active", "zero_context_sessions"})
     EXPECT_TRUE(fails([key](auto& j) { j.erase(key); })) << key;
   EXPECT_TRUE(fails([](auto& j) { j["today"].erase("turns"); }));
-  EXPECT_TRUE(fails([](auto& j) { j["odometer"].erase("since"); }));
   EXPECT_TRUE(fails([](auto& j) { j["sessions"][0]["context_tokens"] = 1.5; }));
-  EXPECT_TRUE(fails([](auto& j) { j["sessions_all"][0].erase("temperature"); }));
-  EXPECT_TRUE(fails([](auto& j) { j["now"].erase("rate_tokens_per_min"); }));
-  EXPECT_TRUE(fails([](auto& j) { j["diagnostics"]["persist"].erase("bytes_last"); }));
-  EXPECT_TRUE(fails([](auto& j) { j["windows"].erase("week"); }));
-  EXPECT_TRUE(fails([](auto& j) { j["windows"]["session"]["tokens"] = 1.5; }));
   EXPECT_TRUE(fails([](auto& j) { j["windows"]["session"]["near_limit"] = "yes"; }));
-  EXPECT_TRUE(fails([](auto& j) { j["windows"]["month"].erase("anchor"); }));
-  EXPECT_FALSE(fails([](auto& j) { j["windows"]["session"]["anchor"] = nullptr; }));
   EXPECT_TRUE(fails([](auto& j) { j["diagnostics"]["exclusions"]["dedup_refusal"].erase("dollars_usd"); }));
-  EXPECT_TRUE(fails([](auto& j) { j["parser_alarm"] = "yes"; }));
-  EXPECT_TRUE(fails([](auto& j) { j["today"]["tokens_by_family"]["opus"] = "many"; }));
-  EXPECT_TRUE(fails([](auto& j) { j["ledger"].erase("month_event_count"); }));
+  EXPECT_FALSE(fails([](auto& j) { j["windows"]["session"]["anchor"] = nullptr; }));
   EXPECT_FALSE(decodeFeedJSON("{\"generated_at\": ").ok());
 }
 

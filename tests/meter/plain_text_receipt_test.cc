@@ -40,14 +40,6 @@ TEST(PlainTextReceiptTest, RowJoinsLabelAndValueWithADotLeader) {
             std::string(35, 'L') + "\xF0\x9F\x91\x8D\xF0\x9F\x8F\xBD" + ".$1.00");
 }
 
-TEST(PlainTextReceiptTest, CenterPutsTheOddSpaceAfter) {
-  EXPECT_EQ(center("OSTLER RECEIPT", 42), std::string(14, ' ') + "OSTLER RECEIPT" + std::string(14, ' '));
-  EXPECT_EQ(center("abc", 10), "   abc    ");
-  EXPECT_EQ(center(std::string(42, 'x'), 42), std::string(42, 'x'));
-  EXPECT_EQ(center(std::string(50, 'x'), 42), std::string(50, 'x'));
-  EXPECT_EQ(center("\xC3\xA9", 4), " \xC3\xA9  ");
-}
-
 TEST(PlainTextReceiptTest, CategoryBlockShowsThreeDetailsThenACount) {
   Receipt r = emptyReceipt();
   for (int i = 1; i <= 4; ++i) r.waste.categories[1].detail_lines.push_back({"file" + std::to_string(i), 0.5, "s"});

@@ -65,14 +65,6 @@ TEST(RepeatPipelinesTest, FastPathAgreesWithICUOnRandomAsciiCommands) {
     ASSERT_EQ(normalizeBashCommand(command), normalizeBashCommandICU(command)) << ::testing::PrintToString(command);
 }
 
-TEST(RepeatPipelinesTest, StableHashIsFnv1a64InLowercaseHex) {
-  EXPECT_EQ(stableHash(""), "cbf29ce484222325");
-  EXPECT_EQ(stableHash("a"), "af63dc4c8601ec8c");
-  EXPECT_EQ(stableHash("foobar"), "85944171f73967e8");
-  EXPECT_EQ(hashHex(0x0abcULL), "abc");  // no leading zeros
-  EXPECT_EQ(hashHex(0), "0");
-}
-
 using namespace testing;
 using testing::json;  // not ostler::json
 

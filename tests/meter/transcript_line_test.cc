@@ -25,9 +25,8 @@ TEST(TranscriptLineTest, AReadKeyOfTheWrongTypeFailsTheLine) {
   const std::vector<std::string> bad = {
       R"({"type":5})", R"({"timestamp":1762000000})", R"({"sessionId":["a"]})", R"({"cwd":{}})",
       R"({"requestId":1})", R"({"uuid":false})", R"({"isMeta":"true"})", R"({"isCompactSummary":1})",
-      R"({"isSidechain":"no"})", R"({"subtype":1})", R"({"message":"error"})", R"({"message":[]})",
-      R"({"message":{"model":5}})", R"({"message":{"id":5}})", R"({"message":{"usage":[]}})",
-      R"({"message":{"usage":"x"}})", R"({"message":{"usage":{"output_tokens":"5"}}})",
+      R"({"isSidechain":"no"})", R"({"subtype":1})", R"({"message":"error"})", R"({"message":{"model":5}})",
+      R"({"message":{"id":5}})", R"({"message":{"usage":[]}})", R"({"message":{"usage":{"output_tokens":"5"}}})",
       R"({"message":{"usage":{"cache_creation":5}}})",
       R"({"message":{"usage":{"cache_creation":{"ephemeral_1h_input_tokens":"x"}}}})",
       R"({"compactMetadata":"x"})", R"({"compactMetadata":{"preTokens":"5"}})",
@@ -77,8 +76,7 @@ TEST(TranscriptLineTest, AFailureInsideContentDropsOnlyTheContent) {
     bool text;    // `contentText` is filled
   };
   const std::vector<Case> cases = {
-      {R"("hi")", false, true}, {R"(5)", false, false}, {R"({})", false, false}, {R"(true)", false, false},
-      {R"([])", true, false},
+      {R"("hi")", false, true}, {R"(5)", false, false}, {R"([])", true, false},
       {R"([{"type":"text","text":"a"},{"type":"text","text":5}])", false, false},  // the good block goes too
       {R"([{"type":"tool_use","id":"t","name":"Bash","input":"ls"}])", false, false},
       {R"([{"type":"tool_use","input":{"command":5}}])", false, false},
@@ -87,7 +85,6 @@ TEST(TranscriptLineTest, AFailureInsideContentDropsOnlyTheContent) {
       {R"([{"type":"image","source":{"data":5}}])", false, false},
       {R"([{"type":"tool_result","tool_use_id":7}])", false, false},
       {R"([{"type":5}])", false, false}, {R"([{"name":{}}])", false, false}, {R"([5])", false, false},
-      {R"([null])", false, false}, {R"(["text"])", false, false},
       {R"([{"type":"text","text":null},{"type":"tool_use","input":null}])", true, false},
       {R"([{"type":"tool_result","tool_use_id":"t","content":5}])", true, false},  // a result never fails
       {R"([{"type":"mystery","input":{"other":[1,2],"command":"ls"}}])", true, false},

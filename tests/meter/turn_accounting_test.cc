@@ -18,7 +18,6 @@ using testing::json;  // not ostler::json
 const std::string kOpus = "claude-opus-4-5";
 const std::string kSonnet = "claude-sonnet-4-5";
 const std::string kHaiku = "claude-haiku-4-5";
-constexpr double kOut = 25.0 / 1e6;  // opus output, per token
 
 const ReceiptByModel* modelRow(const Receipt& r, const std::string& model) {
   for (const auto& m : r.by_model)
@@ -42,13 +41,11 @@ TEST(TurnAccountingTest, EachBilledRequestIsOneTurn) {
   const Receipt r = tree.run();
   EXPECT_EQ(r.totals.turns, 5);
   EXPECT_EQ(r.totals.tokens.output, 30 + 100 + 7 + 7 + 5);
-  EXPECT_DOUBLE_EQ(r.totals.spent_usd, roundUSD(149 * kOut));
   EXPECT_EQ(r.flags.duplicate_request_id_lines_skipped, 2);
   EXPECT_EQ(r.flags.lines_without_request_id, 2);
   EXPECT_EQ(r.flags.distinct_request_ids, 3);
   EXPECT_EQ(r.flags.subagent_files, 1);
   EXPECT_EQ(r.flags.subagent_turns, 1);
-  EXPECT_EQ(r.totals.sessions, 1);
   EXPECT_EQ(r.flags.turns_per_session_max, 5);
 }
 
@@ -67,7 +64,6 @@ TEST(TurnAccountingTest, AContinuingLineReplacesTheTurnsUsage) {
   EXPECT_EQ(r.totals.turns, 3);
   EXPECT_EQ(r.totals.tokens.input, 0);
   EXPECT_EQ(r.totals.tokens.output, 4000);
-  EXPECT_DOUBLE_EQ(r.totals.spent_usd, 0.05);
   // The difference of a line on another model goes to that model, which
   // thus gets a row with no turns.
   EXPECT_EQ(r.by_model, (std::vector<ReceiptByModel>{{kOpus, 3, 0.075}, {"", 0, -0.025}}));
@@ -140,7 +136,6 @@ TEST(TurnAccountingTest, AMechanicalTurnHasToolCallsAndUnder200Characters) {
             (std::vector<ReceiptDetailLine>{{"shop turn 1: downshift candidate", r3, "mmmmmmmm"},
                                             {"shop turn 4: downshift candidate", r3, "mmmmmmmm"}}));
   EXPECT_DOUBLE_EQ(downshift.usd, roundUSD(2 * r3));
-  EXPECT_EQ(downshift.sessions_distinct, 1);
 }
 
 TEST(TurnAccountingTest, CacheExpiryNeedsAGapPastTheCachesLife) {
@@ -160,7 +155,6 @@ TEST(TurnAccountingTest, CacheExpiryNeedsAGapPastTheCachesLife) {
   ASSERT_EQ(expiry.key, "cache_expiry");
   EXPECT_EQ(expiry.detail_lines, (std::vector<ReceiptDetailLine>{{"shop turn 5: cache rebuilt", 0.57, "wwwwwwww"},
                                                                  {"shop turn 3: cache rebuilt", 0.345, "wwwwwwww"}}));
-  EXPECT_DOUBLE_EQ(expiry.usd, 0.915);
 }
 
 TEST(TurnAccountingTest, TypedWordsArePricedOnceAtTheTurnTheyEnter) {
@@ -191,7 +185,6 @@ TEST(TurnAccountingTest, TypedWordsArePricedOnceAtTheTurnTheyEnter) {
   EXPECT_EQ(t.ceiling_turns, 4);
   EXPECT_EQ(t.paste_count, 1);
   EXPECT_EQ(t.synthetic_zeroed_count, 1);
-  EXPECT_EQ(t.sessions_distinct, 1);
   EXPECT_EQ(t.base_turns, 2);
   EXPECT_DOUBLE_EQ(t.faced_share_percent, 10.02);
   const ReceiptCategory& media = r.mac_first.categories[0];
@@ -232,7 +225,6 @@ TEST(TurnAccountingTest, CompactionsArePricedFromTheLastRealTurnOncePerUuid) {
   EXPECT_DOUBLE_EQ(c.example_primary_usd, roundUSD(cold));
   EXPECT_EQ(c.example_pre_tokens, 100'000);
   EXPECT_EQ(c.example_post_tokens, 2'000);
-  EXPECT_EQ(c.sessions_distinct, 1);
   EXPECT_EQ(c.top_events, (std::vector<ReceiptDetailLine>{
                               {"shop session aaaaaaaa: pre 100000 post 2000", 0.55, "aaaaaaaa"},
                               {"shop session aaaaaaaa: pre 100000 post 2000", 0.1, "aaaaaaaa"},
