@@ -165,7 +165,8 @@ SliceRead readSlice(const std::string& path, const FileSlice& slice, FileDigest&
       if (root && decodeRawTranscriptLine(*root, &raw)) {
         appendDigestLine(raw, lineNumber, digest);
         if (bash != nullptr) appendBashScanLine(raw, *bash);
-        if (tap != nullptr) reading.emplace(raw, digest.lines.back().imageCount, digest.lines.back().imageTokens);
+        if (tap != nullptr)
+          reading.emplace(LineTap::MeterReading{raw, digest.lines.back().imageCount, digest.lines.back().imageTokens});
       } else {
         appendSkippedLine(lineNumber, digest);
       }
