@@ -293,6 +293,7 @@ PersistedStateView LiveEngine::persistenceView(const std::string& root) const {
 }
 
 void LiveEngine::restore(PersistedState s) {
+  dispatchMemoAt_.reset();
   fileOffsets_ = std::move(s.fileOffsets);
   // The sizes seen were read against the offsets just replaced: a file must
   // be opened again wherever its restored offset lies below its size.

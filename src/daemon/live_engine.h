@@ -319,7 +319,9 @@ class LiveEngine {
   std::set<std::string> sessionsWithSubagentFiles_;
   // Their running agents as of one instant. A feed asks for a chat's agents
   // for its rows and again for the live figures, all at one `now`, and each
-  // asking walks a folder; a poll or another instant starts afresh.
+  // asking walks a folder; a poll, a restore or another instant starts
+  // afresh. Written by const snapshots: like the rest of the engine, it is
+  // for one thread at a time.
   mutable std::optional<InstantMs> dispatchMemoAt_;
   mutable std::unordered_map<std::string, std::vector<std::string>> dispatchMemo_;
 

@@ -36,11 +36,10 @@ const std::vector<std::string>& LiveEngine::activeDispatchFiles(const std::strin
     dispatchMemo_.clear();
     dispatchMemoAt_ = now;
   }
-  auto [entry, isNew] = dispatchMemo_.try_emplace(sessionId);
-  if (isNew)
-    entry->second =
-        SessionDiscovery::activeDispatchFiles(s.projectDirPath, sessionId, now, kActiveDispatchWithinSeconds);
-  return entry->second;
+  if (auto known = dispatchMemo_.find(sessionId); known != dispatchMemo_.end()) return known->second;
+  std::vector<std::string> files =
+      SessionDiscovery::activeDispatchFiles(s.projectDirPath, sessionId, now, kActiveDispatchWithinSeconds);
+  return dispatchMemo_.emplace(sessionId, std::move(files)).first->second;
 }
 
 FeedToday LiveEngine::snapshotToday(double windowedWasteUSD, double windowedMediaReadsUSD,
