@@ -50,6 +50,7 @@ bool Replacement::append(std::string_view bytes) {
 }
 
 Result<int64_t> Replacement::commit() {
+  if (committed_) return Error{"already renamed over " + path_};
   if (fd_ >= 0) {
     // The descriptor is released even when closing reports an error.
     const bool closed = ::close(fd_) == 0;
@@ -63,6 +64,7 @@ Result<int64_t> Replacement::commit() {
     return failure;
   }
   temp_.clear();  // renamed: nothing left to remove
+  committed_ = true;
   return written_;
 }
 

@@ -32,7 +32,11 @@ class Replacement {
   // Appends `bytes`; false once a write has failed, after which every piece
   // is dropped.
   bool append(std::string_view bytes);
-  // Renames the file over `path`. Returns the number of bytes written.
+  // Whether every piece so far was written (false too when the temporary
+  // file could not be made), so that a writer can stop making pieces.
+  [[nodiscard]] bool ok() const { return !failure_; }
+  // Renames the file over `path`. Returns the number of bytes written; a
+  // second commit is an error that changes nothing.
   [[nodiscard]] Result<int64_t> commit();
 
  private:
@@ -43,6 +47,7 @@ class Replacement {
   int fd_ = -1;
   int64_t written_ = 0;
   std::optional<Error> failure_;
+  bool committed_ = false;
 };
 
 // Replaces `path` with `bytes`. Returns the number of bytes written. On

@@ -42,7 +42,8 @@ Result<int64_t> saveState(const State& state, const std::string& path) {
   }
   // Written as it is encoded: the text runs to megabytes.
   AtomicFile::Replacement file(path);
-  (void)PersistedStateCodec::encode(state, [&file](std::string_view piece) { return file.append(piece); });
+  if (file.ok())
+    (void)PersistedStateCodec::encode(state, [&file](std::string_view piece) { return file.append(piece); });
   return file.commit();
 }
 

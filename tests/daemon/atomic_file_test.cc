@@ -32,6 +32,7 @@ TEST(AtomicFileTest, PiecesReplaceTheFileOnlyOnCommitAndAFailureLeavesItAsItWas)
     auto committed = file.commit();
     ASSERT_TRUE(committed.ok()) << committed.error().message;
     EXPECT_EQ(committed.value(), 8);
+    EXPECT_FALSE(file.commit().ok());  // once only
   }
   EXPECT_EQ(readFile(path), "new text");
   EXPECT_EQ(entries(dir.path()), 1u);
