@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <random>
 
 #include "daemon/line_builder.h"
 #include "daemon/live_engine.h"
@@ -106,6 +108,117 @@ TEST(PreReadTreeTest, FoldingGatheredLinesEqualsReadingTheTree) {
   appendFile(file, jsonl({"", testing::turnLine("2026-03-10T12:00:00.000Z", "req-late", {.input = 5, .output = 9})}));
   EXPECT_FALSE(preRead.serve(file, static_cast<int64_t>(std::filesystem::file_size(file))));
   expectSameReading(readTree(root, now, &preRead), readTree(root, now, nullptr));
+}
+
+// A gathered line is built from the meter's decoding of it where the meter
+// could read it, and must then be exactly what the engine's own decoding
+// gives. The two decoders read overlapping keys with their own rules: lines
+// made of every key either reads, of right and wrong types, doubled and
+// nulled, keep them in step as either changes.
+TEST(PreReadTreeTest, LinesTakenFromTheMetersDecodingEqualTheEnginesOwn) {
+  std::mt19937 rng(7);
+  auto chance = [&rng](int percent) { return std::uniform_int_distribution<int>(0, 99)(rng) < percent; };
+  auto pick = [&rng](std::initializer_list<std::string> from) {
+    return *(from.begin() + std::uniform_int_distribution<size_t>(0, from.size() - 1)(rng));
+  };
+  // Mostly a value of the key's type, now and then anything at all.
+  auto valueOr = [&](std::initializer_list<std::string> good) {
+    if (!chance(5)) return pick(good);
+    return pick({R"("x y")", "7", "1.5", "true", "null", "[]", "{}"});
+  };
+  auto text = [&] { return valueOr({R"("assistant")", R"("user")", R"("x y")", R"("session limit")", "null"}); };
+  auto object = [&](std::initializer_list<const char*> keys, auto&& valueOf) {
+    std::string s = "{";
+    for (const char* k : keys) {
+      const int copies = chance(45) ? 0 : chance(90) ? 1 : 2;
+      for (int c = 0; c < copies; ++c) {
+        if (s.size() > 1) s += ',';
+        s += '"';
+        s += k;
+        s += "\":";
+        s += valueOf(std::string_view(k));
+      }
+    }
+    s += '}';
+    return s;
+  };
+  auto block = [&] {
+    return object({"type", "text", "id", "name", "input", "tool_use_id", "content", "source"}, [&](std::string_view k) {
+      if (k == "type") return valueOr({R"("image")", R"("text")", R"("tool_use")"});
+      if (k == "source") return valueOr({R"({"data":"QUJDREVGR0g="})", R"({"data":7})"});
+      if (k == "input") return valueOr({R"({"command":"ls"})", R"({"file_path":4})"});
+      if (k == "content") return pick({R"("out")", "[]", "5"});
+      return text();
+    });
+  };
+  auto message = [&] {
+    return object({"model", "usage", "content", "id"}, [&](std::string_view k) {
+      if (k == "usage") return valueOr({R"({"input_tokens":3,"output_tokens":4})", R"({"input_tokens":"3"})"});
+      if (k == "content") {
+        std::string list = "[";
+        for (int n = std::uniform_int_distribution<int>(0, 2)(rng); n > 0; --n) {
+          if (list.size() > 1) list += ',';
+          list += block();
+        }
+        list += ']';
+        return chance(70) ? list : text();
+      }
+      return text();
+    });
+  };
+  auto describe = [](const PreReadTree::Line& l) {
+    const LiveLine& x = l.line;
+    char out[512];
+    std::snprintf(out, sizeof out, "%d %d %s %lld %s %lld/%lld/%lld %s %d %s %s %lld/%lld %s %s", l.decoded,
+                  int(x.type), std::string(x.cwd).c_str(), static_cast<long long>(x.instant.value_or(-1)),
+                  std::string(x.model).c_str(), static_cast<long long>(x.usage.input),
+                  static_cast<long long>(x.usage.output), static_cast<long long>(x.usage.cacheRead),
+                  std::string(x.requestId).c_str(), x.isApiErrorMessage, std::string(x.errorText).c_str(),
+                  std::string(x.timestampText.value_or("-")).c_str(), static_cast<long long>(x.imageCount),
+                  static_cast<long long>(x.imageTokens), std::string(x.typedText.value_or("-")).c_str(),
+                  std::string(x.title).c_str());
+    return std::string(out);
+  };
+
+  JsonLineParser parser;
+  RawTranscriptLine raw;
+  int taken = 0;
+  for (int i = 0; i < 20'000; ++i) {
+    const std::string line = object({"type", "timestamp", "sessionId", "cwd", "requestId", "uuid", "isMeta",
+                                     "isSidechain", "subtype", "compactMetadata", "isCompactSummary", "error",
+                                     "aiTitle", "customTitle", "lastPrompt", "isApiErrorMessage", "message"},
+                                    [&](std::string_view k) {
+                                      if (k == "message") return message();
+                                      if (k == "type") return valueOr({R"("assistant")", R"("user")", R"("ai-title")"});
+                                      if (k == "timestamp") return valueOr({R"("2026-03-10T09:00:01.000Z")"});
+                                      if (k.starts_with("is")) return valueOr({"true", "false"});
+                                      if (k == "compactMetadata") return valueOr({R"({"preTokens":5})"});
+                                      return text();
+                                    });
+    auto root = parser.parse(line, false);
+    ASSERT_TRUE(root) << line;
+    std::optional<LineTap::MeterReading> reading;
+    if (decodeRawTranscriptLine(*root, &raw)) {
+      FileDigest digest;
+      appendDigestLine(raw, 1, digest);
+      reading.emplace(LineTap::MeterReading{raw, digest.lines.back().imageCount, digest.lines.back().imageTokens});
+      ++taken;
+    }
+    std::vector<std::string> gathered;
+    const LineTap::MeterReading* fromMeter = reading ? &*reading : nullptr;
+    for (const LineTap::MeterReading* meter : {fromMeter, static_cast<const LineTap::MeterReading*>(nullptr)}) {
+      PreReadTree tree(1 << 20);
+      auto slice = tree.openSlice();
+      slice->line(0, line.size() + 1, true, line, &*root, meter);
+      tree.take("/f", line.size() + 1, std::move(slice), true);
+      tree.serve("/f", static_cast<int64_t>(line.size() + 1))->forEachLine([&](const PreReadTree::Line& l) {
+        gathered.push_back(describe(l));
+      });
+    }
+    ASSERT_EQ(gathered.size(), 2u);
+    ASSERT_EQ(gathered[0], gathered[1]) << line;
+  }
+  EXPECT_GT(taken, 2'000);  // the meter's path is the one under test
 }
 
 TEST(PreReadTreeTest, FilesPastTheBudgetAreLeftToDisk) {
