@@ -107,21 +107,22 @@ class PreReadTree final : public LineTap {
     // during the call only.
     template <typename Visit>
     void forEachLine(Visit&& visit) const {
-      Line line;
-      for (const SliceLines* s : slices)
-        for (const SliceLines::Packed& p : s->lines_) {
-          s->unpack(p, line);
-          visit(static_cast<const Line&>(line));
-        }
+      visitLines(false, visit);
     }
     // The same for the decoded assistant lines alone, which are all a
     // reader of requests needs: the others are not unpacked.
     template <typename Visit>
     void forEachAssistantLine(Visit&& visit) const {
+      visitLines(true, visit);
+    }
+
+   private:
+    template <typename Visit>
+    void visitLines(bool assistantOnly, Visit& visit) const {
       Line line;
       for (const SliceLines* s : slices)
         for (const SliceLines::Packed& p : s->lines_) {
-          if (!p.decoded || p.type != LiveLine::Type::kAssistant) continue;
+          if (assistantOnly && (!p.decoded || p.type != LiveLine::Type::kAssistant)) continue;
           s->unpack(p, line);
           visit(static_cast<const Line&>(line));
         }
