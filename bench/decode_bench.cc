@@ -8,11 +8,11 @@
 #include <string>
 #include <vector>
 
-#include "meter/byte_search.h"
-#include "meter/line_reader.h"
 #include "meter/meter_line.h"
-#include "meter/text.h"
-#include "meter/transcript_line.h"
+#include "transcript/byte_search.h"
+#include "transcript/line_reader.h"
+#include "transcript/raw_transcript_line.h"
+#include "transcript/text.h"
 
 namespace {
 
@@ -20,17 +20,17 @@ std::string gFile;
 
 std::vector<std::string> loadLines() {
   std::vector<std::string> lines;
-  auto reader = ostler::LineReader::open(gFile);
+  auto reader = ostler::LineReader::open(ostler::systemFileSystem(), gFile);
   if (!reader) return lines;
-  while (auto line = reader->nextLine()) lines.emplace_back(*line);
+  while (auto line = reader.value().nextLine()) lines.emplace_back(*line);
   return lines;
 }
 
 void BM_ReadLines(benchmark::State& state) {
   int64_t bytes = 0;
   for (auto _ : state) {
-    auto reader = ostler::LineReader::open(gFile);
-    while (auto line = reader->nextLine()) bytes += static_cast<int64_t>(line->size()) + 1;
+    auto reader = ostler::LineReader::open(ostler::systemFileSystem(), gFile);
+    while (auto line = reader.value().nextLine()) bytes += static_cast<int64_t>(line->size()) + 1;
   }
   state.SetBytesProcessed(bytes);
 }
@@ -58,7 +58,8 @@ void BM_DigestLines(benchmark::State& state) {
     ostler::FileDigest digest;
     int64_t n = 0;
     for (const auto& line : lines) {
-      if (decoder.decode(ostler::text::trimSpacesAndTabs(line), false, &raw))
+      if (decoder.decode(ostler::text::trimSpacesAndTabs(line), false, &raw) &&
+          ostler::decodes(raw, ostler::kMeterReading))
         ostler::appendDigestLine(raw, ++n, digest);
       bytes += static_cast<int64_t>(line.size());
     }

@@ -4,26 +4,23 @@
 //                  [--since-instant ISO] [--until-instant ISO]
 //                  [--json] [--loops FILE]
 //   ostler feed [--feed PATH]
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
-#include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <optional>
 #include <string>
 
 #include <fmt/format.h>
 
-#include "meter/iso8601.h"
+#include "transcript/iso8601.h"
 #include "meter/loop_detail.h"
 #include "meter/meter_engine.h"
 #include "meter/plain_text_receipt.h"
-#include "meter/session_discovery.h"
+#include "platform/clock.h"
+#include "platform/file_system.h"
 #include "platform/memory.h"
+#include "platform/process.h"
+#include "transcript/session_discovery.h"
 
 namespace {
 
@@ -33,14 +30,11 @@ constexpr int kUsageError = 2;
 constexpr const char* kDefaultFeedPath = "/tmp/ostler-feed.json";
 constexpr double kFeedFreshSeconds = 3.0;
 
-std::string defaultRoot() {
-  const char* home = std::getenv("HOME");
-  return std::string(home != nullptr ? home : "") + "/.claude/projects";
-}
+std::string defaultRoot() { return ostler::environmentVariable("HOME").value_or("") + "/.claude/projects"; }
 
 // Progress on a terminal: files read of the total, then tokens metered.
 ostler::ProgressCallback terminalProgress() {
-  if (isatty(STDERR_FILENO) == 0) return nullptr;
+  if (!ostler::standardErrorIsTerminal()) return nullptr;
   return [](const ostler::MeterProgress& p) {
     if (p.tokensMetered == 0)
       std::fprintf(stderr, "\rreading %lld of %lld files   ", static_cast<long long>(p.filesProcessed),
@@ -50,13 +44,6 @@ ostler::ProgressCallback terminalProgress() {
                    static_cast<long long>(p.tokensMetered));
     std::fflush(stderr);
   };
-}
-
-bool writeFile(const std::string& path, const std::string& contents) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << contents;
-  out.close();
-  return static_cast<bool>(out);
 }
 
 struct ReceiptFlags {
@@ -80,9 +67,10 @@ int runReceipt(const ReceiptFlags& flags, const CLI::App& command) {
 
   // A root with nothing to read is said in one line, and its receipt (all
   // zeros) is still printed: a script reading the output gets a receipt.
-  std::error_code ec;
-  const bool isDirectory = std::filesystem::is_directory(flags.root, ec);
-  if (flags.root == defaultRoot() && (!isDirectory || ostler::discoverSessionGroups(flags.root).empty()))
+  ostler::FileSystem& fs = ostler::systemFileSystem();
+  const bool isDirectory = ostler::isDirectory(fs, flags.root);
+  if (flags.root == defaultRoot() &&
+      (!isDirectory || ostler::SessionDiscovery::discoverFiles(fs, flags.root).empty()))
     std::cerr << "ostler: no transcripts under " << flags.root << "; try the sample: ostler receipt --root "
               << OSTLER_SAMPLE_ROOT << "\n";
   else if (!isDirectory)
@@ -95,19 +83,22 @@ int runReceipt(const ReceiptFlags& flags, const CLI::App& command) {
   options.sinceInstant = flags.sinceInstant;
   options.untilInstant = flags.untilInstant;
   auto progress = terminalProgress();
-  ostler::MeterRun run = ostler::MeterEngine::runWithLoopDetail(options, progress);
+  ostler::MeterRun run = ostler::MeterEngine::runWithLoopDetail(fs, options, progress);
   if (progress) std::fprintf(stderr, "\r\033[K");
 
-  if (flags.loops && !writeFile(*flags.loops, ostler::encodeLoopDetailJSON(run.loopDetail))) {
-    std::cerr << "ostler: cannot write " << *flags.loops << "\n";
-    return 1;
+  if (flags.loops) {
+    auto written = ostler::writeWholeFile(fs, *flags.loops, ostler::encodeLoopDetailJSON(run.loopDetail), 0644);
+    if (!written) {
+      std::cerr << "ostler: " << written.error().message << "\n";
+      return 1;
+    }
   }
   if (flags.json) {
     std::cout << ostler::encodeReceiptJSON(run.receipt);
   } else {
     std::cout << ostler::renderPlainTextReceipt(run.receipt);
     // The receipt ends without a line feed; a terminal still gets one.
-    if (isatty(STDOUT_FILENO) != 0) std::cout << "\n";
+    if (ostler::standardOutputIsTerminal()) std::cout << "\n";
   }
   std::cout.flush();
   return 0;
@@ -115,24 +106,24 @@ int runReceipt(const ReceiptFlags& flags, const CLI::App& command) {
 
 // Prints the feed an engine is writing, as it stands.
 int runFeed(const std::string& path) {
-  namespace fs = std::filesystem;
-  std::error_code ec;
-  const fs::file_time_type written = fs::last_write_time(path, ec);
-  if (ec) {
+  ostler::FileSystem& fs = ostler::systemFileSystem();
+  auto info = fs.stat(path);
+  if (!info) {
     std::cerr << "ostler: no engine is writing a feed (nothing at " << path << ")\n";
     return 1;
   }
-  const double age = std::chrono::duration<double>(fs::file_time_type::clock::now() - written).count();
+  const double age =
+      static_cast<double>(ostler::systemClock().nowMs()) / 1000.0 - static_cast<double>(info.value().modifiedNs) / 1e9;
   if (age >= kFeedFreshSeconds) {
     std::cerr << fmt::format("ostler: no engine is writing a feed ({} was last written {:.0f} s ago)\n", path, age);
     return 1;
   }
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    std::cerr << "ostler: cannot read " << path << "\n";
+  auto text = ostler::readWholeFile(fs, path);
+  if (!text) {
+    std::cerr << "ostler: " << text.error().message << "\n";
     return 1;
   }
-  std::cout << in.rdbuf();
+  std::cout << text.value();
   std::cout.flush();
   return 0;
 }

@@ -4,38 +4,28 @@
 //
 //   ostlerd [--root DIR] [--feed PATH] [--interval SECONDS] [--state FILE]
 #include <cmath>
-#include <csignal>
-#include <cstdio>
-#include <cstdlib>
 #include <iostream>
 #include <optional>
 #include <string>
 
 #include <CLI/CLI.hpp>
 
-#include "daemon/daemon.h"
-#include "daemon/daemon_options.h"
-#include "daemon/shutdown_signal_source.h"
-#include "platform/named_thread.h"
+#include "daemon/engine/shutdown_signal_source.h"
+#include "daemon/loop/daemon.h"
+#include "daemon/loop/daemon_options.h"
+#include "platform/process.h"
+#include "platform/threads.h"
 
 namespace {
 
 constexpr int kUsageError = 2;
 constexpr size_t kEngineStackBytes = 8 << 20;
 
-ostler::FlagShutdownSignalSource shutdownSignal;
-static_assert(std::atomic<bool>::is_always_lock_free, "the signal handler stores to an atomic flag");
-
-extern "C" void requestShutdown(int) { shutdownSignal.request(); }
-
-void installSignalHandlers() {
-  struct sigaction action = {};
-  action.sa_handler = requestShutdown;
-  sigemptyset(&action.sa_mask);
-  action.sa_flags = SA_RESTART;
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
-}
+// A stop asked for by SIGINT or SIGTERM.
+class SignalShutdownSource final : public ostler::ShutdownSignalSource {
+ public:
+  [[nodiscard]] bool isRequested() const override { return ostler::stopSignalReceived(); }
+};
 
 }  // namespace
 
@@ -66,19 +56,18 @@ int main(int argc, char** argv) {
   }
 
   const ostler::DaemonOptions options = ostler::DaemonDefaults::options(env, root, feed, interval, state);
-  installSignalHandlers();
+  ostler::catchStopSignals();
+  SignalShutdownSource shutdownSignal;
+  ostler::Daemon::SystemServices services;
   int status = 0;
-  {
-    ostler::NamedThread engine("ostler.engine", kEngineStackBytes,
-                               [&] { status = ostler::Daemon::runForever(options, shutdownSignal); });
-    if (!engine.started()) {
-      std::cerr << "ostlerd: cannot start the engine thread\n";
-      return 1;
-    }
+  // The engine's loop on a thread of its own, with a stack of known size;
+  // when it returns, every thread it started has been joined.
+  ostler::Thread engine("ostler.engine", [&] { status = ostler::Daemon::runForever(options, shutdownSignal, services.services()); },
+                        kEngineStackBytes);
+  if (!engine.started()) {
+    std::cerr << "ostlerd: cannot start the engine thread\n";
+    return 1;
   }
-  // A background recompute may still be reading the tree; it writes no
-  // file, so the process ends without waiting for it or running the static
-  // destructors it may still be using.
-  std::fflush(nullptr);
-  std::_Exit(status);
+  engine.join();
+  return status;
 }

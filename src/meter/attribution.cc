@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <set>
 
-#include "meter/text.h"
+#include "transcript/text.h"
 #include "meter/turn_accounting.h"
 
 namespace ostler {

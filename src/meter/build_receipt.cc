@@ -7,7 +7,7 @@
 #include <set>
 
 #include "meter/repeat_pipelines.h"
-#include "meter/text.h"
+#include "transcript/text.h"
 
 namespace ostler {
 namespace {

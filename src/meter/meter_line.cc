@@ -1,6 +1,6 @@
 #include "meter/meter_line.h"
 
-#include "meter/text.h"
+#include "transcript/text.h"
 
 namespace ostler {
 namespace {
@@ -16,10 +16,6 @@ std::optional<std::string> trimmedOrNothing(std::string_view s) {
 }
 
 }  // namespace
-
-TurnUsage turnUsage(const std::optional<RawMessage>& message) {
-  return message ? turnUsageOf(message->usage) : TurnUsage{};
-}
 
 std::optional<std::string> extractTypedShareText(const RawTranscriptLine& line) {
   if (line.isMeta.value_or(false) || line.isCompactSummary.value_or(false) || line.isSidechain.value_or(false) ||
@@ -37,10 +33,10 @@ std::optional<std::string> extractTypedShareText(const RawTranscriptLine& line) 
     }
     return trimmedOrNothing(t);
   }
-  if (message.content) {
+  if (const auto* blocks = contentFor(line, kMeterReading)) {
     std::string joined;
     bool first = true;
-    for (const auto& block : *message.content) {
+    for (const auto& block : *blocks) {
       if (block.type != "text" || !block.text || block.text->empty()) continue;
       if (!first) joined.push_back('\n');
       joined.append(*block.text);
@@ -70,7 +66,7 @@ int64_t toolResultBytes(const std::optional<RawToolResultContent>& content) {
 
 int64_t imageTokens(const RawContentBlock& block) {
   if (!block.source || !block.source->data) return 0;
-  return text::characterCount(*block.source->data) / 4;
+  return block.source->dataCharacters / 4;
 }
 
 void appendSkippedLine(int64_t lineNumber, FileDigest& digest) {
@@ -107,9 +103,9 @@ void appendDigestLine(const RawTranscriptLine& line, int64_t lineNumber, FileDig
     m.dispatch = MeterLine::Dispatch::kAssistant;
     m.requestId = keepOpt(line.requestId);
     if (line.message) m.model = keepOpt(line.message->model);
-    m.usage = turnUsage(line.message);
-    if (line.message && line.message->content) {
-      for (const auto& block : *line.message->content) {
+    m.usage = turnUsageOf(line);
+    if (const auto* blocks = contentFor(line, kMeterReading)) {
+      for (const auto& block : *blocks) {
         if (!block.type) continue;
         if (*block.type == "text") {
           if (block.text && m.textLength < kTextLengthCap)
@@ -128,8 +124,8 @@ void appendDigestLine(const RawTranscriptLine& line, int64_t lineNumber, FileDig
   } else if (type == "user") {
     m.dispatch = MeterLine::Dispatch::kUser;
     if (auto typed = extractTypedShareText(line)) m.typedBytes = static_cast<int64_t>(typed->size());
-    if (line.message && line.message->content) {
-      for (const auto& block : *line.message->content) {
+    if (const auto* blocks = contentFor(line, kMeterReading)) {
+      for (const auto& block : *blocks) {
         if (!block.type) continue;
         if (*block.type == "tool_result") {
           if (block.toolUseId && !block.toolUseId->empty())

@@ -11,13 +11,24 @@
 #include <string_view>
 #include <vector>
 
-#include "meter/iso8601.h"
 #include "meter/meter_options.h"
-#include "meter/pricing.h"
-#include "meter/string_arena.h"
-#include "meter/transcript_line.h"
+#include "transcript/iso8601.h"
+#include "transcript/pricing.h"
+#include "transcript/raw_transcript_line.h"
+#include "transcript/string_arena.h"
 
 namespace ostler {
+
+// The keys the meter holds a line to: a wrong type at one of them fails the
+// line, counted as skipped. A block list in which one block fails one of the
+// block keys is read as no content at all; the line still counts.
+inline constexpr LineReading kMeterReading = {
+    {LineKey::kType, LineKey::kTimestamp, LineKey::kSessionId, LineKey::kCwd, LineKey::kMessage, LineKey::kModel,
+     LineKey::kUsage, LineKey::kMessageId, LineKey::kRequestId, LineKey::kUuid, LineKey::kIsMeta,
+     LineKey::kIsCompactSummary, LineKey::kIsSidechain, LineKey::kSubtype, LineKey::kCompactMetadata},
+    {BlockKey::kNotObject, BlockKey::kType, BlockKey::kText, BlockKey::kId, BlockKey::kName, BlockKey::kInput,
+     BlockKey::kInputFilePath, BlockKey::kInputCommand, BlockKey::kToolUseId, BlockKey::kSource,
+     BlockKey::kSourceData}};
 
 // A "tool_use" block of an assistant line.
 struct MeterToolUse {
@@ -99,9 +110,6 @@ struct FileDigest {
 // A turn is mechanical below 200 characters of text, so counting stops there.
 inline constexpr int64_t kTextLengthCap = 200;
 
-// Token figures of a message's usage; zeros without one.
-[[nodiscard]] TurnUsage turnUsage(const std::optional<RawMessage>& message);
-
 // The words a person typed, as far as a user line tells; nothing for meta,
 // compact-summary and sidechain lines, commands, task notifications, and text
 // that is empty once trimmed.
@@ -113,21 +121,13 @@ inline constexpr int64_t kTextLengthCap = 200;
 // Estimated tokens of an image: characters of its Base64 text over four.
 [[nodiscard]] int64_t imageTokens(const RawContentBlock& block);
 
-// Digests a decoded line for pass two and appends it to `digest`. The digest
-// holds every line, whatever its date: one digest serves passes with
+// Digests a line that decodes for the meter and appends it to `digest`. The
+// digest holds every line, whatever its date: one digest serves passes with
 // different bounds.
 void appendDigestLine(const RawTranscriptLine& line, int64_t lineNumber, FileDigest& digest);
-// Appends a line that failed to decode.
+// Appends a line that failed to decode for the meter.
 void appendSkippedLine(int64_t lineNumber, FileDigest& digest);
 // After the last line: points each line at its tool uses and results.
 void finishDigest(FileDigest& digest);
-
-// What pass one takes from an assistant line.
-struct BashScanLine {
-  std::optional<std::string_view> requestId;  // views into its FileBashScan
-  std::optional<std::string_view> timestamp;
-  std::optional<InstantMs> instant;      // the timestamp, parsed
-  std::vector<uint64_t> templateHashes;  // one per Bash call with a command, in block order
-};
 
 }  // namespace ostler

@@ -1,6 +1,6 @@
 #include "meter/meter_options.h"
 
-#include "meter/text.h"
+#include "transcript/text.h"
 
 namespace ostler {
 
@@ -43,6 +43,14 @@ bool RangeBounds::contains(const std::optional<std::string_view>& timestamp,
   if (until) {
     if (auto d = day()) return *d <= std::string_view(*until);
   }
+  return true;
+}
+
+bool ProgressThrottle::shouldReport(bool force) {
+  const double now = clock_.monotonicSeconds();
+  if (reported_ && !force && now - last_ < 0.1) return false;
+  reported_ = true;
+  last_ = now;
   return true;
 }
 

@@ -7,8 +7,9 @@
 #include <string>
 #include <string_view>
 
-#include "meter/iso8601.h"
-#include "meter/pricing.h"
+#include "transcript/iso8601.h"
+#include "platform/clock.h"
+#include "transcript/pricing.h"
 
 namespace ostler {
 
@@ -29,6 +30,19 @@ struct MeterProgress {
 };
 
 using ProgressCallback = std::function<void(const MeterProgress&)>;
+
+// Drops progress reports that come less than 0.1 s after the previous one.
+class ProgressThrottle {
+ public:
+  explicit ProgressThrottle(const Clock& clock) : clock_(clock) {}
+  // Whether a report should go out now; `force` always reports.
+  bool shouldReport(bool force);
+
+ private:
+  const Clock& clock_;
+  bool reported_ = false;
+  double last_ = 0;
+};
 
 // The bounds of `options`, parsed once per pass.
 struct RangeBounds {

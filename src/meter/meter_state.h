@@ -13,11 +13,11 @@
 #include <unordered_set>
 #include <vector>
 
-#include "meter/id_set.h"
-#include "meter/iso8601.h"
-#include "meter/pricing.h"
+#include "transcript/id_set.h"
+#include "transcript/iso8601.h"
+#include "transcript/pricing.h"
 #include "meter/receipt.h"
-#include "meter/string_arena.h"
+#include "transcript/string_arena.h"
 #include "meter/top_k.h"
 
 namespace ostler {
@@ -92,19 +92,6 @@ struct MediaLoopCandidate {
   std::string firstTimestamp;
   std::string lastTimestamp;
   int64_t fileCount = 0;  // distinct files the loop spans
-};
-
-// How a media loop leaves the engine.
-struct MediaLoopDetailRecord {
-  std::string sessionId;
-  std::string project;
-  int64_t images = 0;
-  double raw_usd = 0;
-  double kept_usd = 0;
-  std::string first_image_timestamp;
-  std::string last_image_timestamp;
-  int64_t file_count = 0;
-  friend bool operator==(const MediaLoopDetailRecord&, const MediaLoopDetailRecord&) = default;
 };
 
 // Everything the pass keeps about one turn.

@@ -4,7 +4,7 @@
 
 #include <vector>
 
-#include "meter/text.h"
+#include "transcript/text.h"
 
 namespace ostler {
 namespace {

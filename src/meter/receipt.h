@@ -10,7 +10,7 @@
 
 #include <nlohmann/json_fwd.hpp>
 
-#include "meter/status.h"
+#include "platform/result.h"
 
 namespace ostler {
 

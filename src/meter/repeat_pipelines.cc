@@ -6,7 +6,7 @@
 
 #include <memory>
 
-#include "meter/text.h"
+#include "transcript/text.h"
 
 namespace ostler {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "meter/text.h"
+#include "transcript/text.h"
 
 namespace ostler {
 namespace {

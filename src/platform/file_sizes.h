@@ -10,6 +10,8 @@
 #include <optional>
 #include <string>
 
+#include "platform/file_system.h"
+
 namespace ostler {
 
 class FileSizeSource {
@@ -24,7 +26,10 @@ class FileSizeSource {
   virtual void endPoll() {}
 };
 
-// Asks the file system for every file.
+// Asks `fs` for every file.
+[[nodiscard]] std::unique_ptr<FileSizeSource> makeFileSizes(FileSystem& fs);
+
+// Asks the machine's file system for every file, folder by folder.
 [[nodiscard]] std::unique_ptr<FileSizeSource> makeStatFileSizes();
 
 // Remembers sizes between polls and asks again only after a change was

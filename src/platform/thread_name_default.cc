@@ -1,4 +1,4 @@
-#include "platform/named_thread.h"
+#include "platform/threads.h"
 
 namespace ostler {
 

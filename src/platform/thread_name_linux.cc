@@ -1,6 +1,6 @@
 #include <pthread.h>
 
-#include "platform/named_thread.h"
+#include "platform/threads.h"
 
 namespace ostler {
 

@@ -1,11 +1,11 @@
-#include "daemon/config_files.h"
+#include "daemon/loop/config_files.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 
-#include "daemon/local_day.h"
-#include "daemon/month_anchor.h"
+#include "daemon/windows/local_day.h"
+#include "daemon/windows/month_anchor.h"
 #include "line_builder.h"
 #include "support/test_support.h"
 
@@ -26,42 +26,42 @@ struct ConfigDir {
 
 TEST(ConfigFilesTest, BillingDayIsAnIntegerFromOneToThirtyOne) {
   ConfigDir dir;
-  EXPECT_EQ(OstlerConfig::billingDay(dir.write("a.json", R"({"billing_day": 15, "other": [1]})")), 15);
-  EXPECT_EQ(OstlerConfig::billingDay(dir.write("a.json", R"({"billing_day": 1})")), 1);
-  EXPECT_EQ(OstlerConfig::billingDay(dir.write("a.json", R"({"billing_day": 31})")), 31);
+  EXPECT_EQ(OstlerConfig::billingDay(systemFileSystem(), dir.write("a.json", R"({"billing_day": 15, "other": [1]})")), 15);
+  EXPECT_EQ(OstlerConfig::billingDay(systemFileSystem(), dir.write("a.json", R"({"billing_day": 1})")), 1);
+  EXPECT_EQ(OstlerConfig::billingDay(systemFileSystem(), dir.write("a.json", R"({"billing_day": 31})")), 31);
   for (const char* text : {R"({"billing_day": 0})", R"({"billing_day": 32})", R"({"billing_day": -3})",
                            R"({"billing_day": 5.0})", R"({"billing_day": "5"})", R"({"billing_day": null})",
                            R"({"billing_day": 18446744073709551615})", R"({})", R"([{"billing_day": 5}])",
                            R"({"billing_day": 5,)", ""})
-    EXPECT_EQ(OstlerConfig::billingDay(dir.write("a.json", text)), std::nullopt) << text;
-  EXPECT_EQ(OstlerConfig::billingDay((dir.dir.path() / "missing.json").string()), std::nullopt);
-  EXPECT_EQ(OstlerConfig::billingDay(""), std::nullopt);
+    EXPECT_EQ(OstlerConfig::billingDay(systemFileSystem(), dir.write("a.json", text)), std::nullopt) << text;
+  EXPECT_EQ(OstlerConfig::billingDay(systemFileSystem(), (dir.dir.path() / "missing.json").string()), std::nullopt);
+  EXPECT_EQ(OstlerConfig::billingDay(systemFileSystem(), ""), std::nullopt);
 }
 
 TEST(ConfigFilesTest, ExtraUsageReasonOnlyWhenAString) {
   ConfigDir dir;
-  EXPECT_EQ(ClaudeConfig::extraUsageDisabledReason(
+  EXPECT_EQ(ClaudeConfig::extraUsageDisabledReason(systemFileSystem(), 
                 dir.write("c.json", R"({"projects": {}, "cachedExtraUsageDisabledReason": "org_level_disabled"})")),
             "org_level_disabled");
   for (const char* text : {R"({"cachedExtraUsageDisabledReason": 3})", R"({"cachedExtraUsageDisabledReason": null})",
                            R"({})", R"("org_level_disabled")", "not json"})
-    EXPECT_EQ(ClaudeConfig::extraUsageDisabledReason(dir.write("c.json", text)), std::nullopt) << text;
+    EXPECT_EQ(ClaudeConfig::extraUsageDisabledReason(systemFileSystem(), dir.write("c.json", text)), std::nullopt) << text;
 }
 
 TEST(ConfigFilesTest, ReadsAgainWhenTheFileChangesAndForgetsItWhenItGoes) {
   ConfigDir dir;
   ConfigFiles files;
   const std::string path = dir.write("config.json", R"({"billing_day": 5})");
-  EXPECT_EQ(files.billingDay(path), 5);
-  EXPECT_EQ(files.billingDay(path), 5);
+  EXPECT_EQ(files.billingDay(systemFileSystem(), path), 5);
+  EXPECT_EQ(files.billingDay(systemFileSystem(), path), 5);
   dir.write("config.json", R"({"billing_day": 12, "note": "longer"})");
-  EXPECT_EQ(files.billingDay(path), 12);
+  EXPECT_EQ(files.billingDay(systemFileSystem(), path), 12);
   fs::remove(path);
-  EXPECT_EQ(files.billingDay(path), std::nullopt);
+  EXPECT_EQ(files.billingDay(systemFileSystem(), path), std::nullopt);
   dir.write("config.json", R"({"billing_day": 7})");
-  EXPECT_EQ(files.billingDay(path), 7);
+  EXPECT_EQ(files.billingDay(systemFileSystem(), path), 7);
   // Another path is another file.
-  EXPECT_EQ(files.billingDay(dir.write("other.json", R"({"billing_day": 9})")), 9);
+  EXPECT_EQ(files.billingDay(systemFileSystem(), dir.write("other.json", R"({"billing_day": 9})")), 9);
 }
 
 TEST(LocalDayTest, StartOfTheLocalDayInTheNamedZone) {

@@ -6,8 +6,8 @@
 
 #include <fmt/format.h>
 
-#include "daemon/live_engine.h"
-#include "daemon/window_scan.h"
+#include "daemon/engine/live_engine.h"
+#include "daemon/windows/window_scan.h"
 #include "line_builder.h"
 #include "support/test_support.h"
 
@@ -33,7 +33,7 @@ TEST(CorpusPollTest, EveryRealTranscriptIsPolledAndScanned) {
   }
   ASSERT_GT(files, 200);
 
-  LiveEngine engine(PricingTable::defaultTable(), "UTC");
+  LiveEngine engine(systemFileSystem(), PricingTable::defaultTable(), "UTC");
   const InstantMs now = testing::at("2026-11-20T12:00:00Z");
   auto touched = engine.poll(root.string(), now);
   EXPECT_GT(touched.size(), 200u);
@@ -48,7 +48,7 @@ TEST(CorpusPollTest, EveryRealTranscriptIsPolledAndScanned) {
   // A second poll finds nothing new.
   EXPECT_TRUE(engine.poll(root.string(), now).empty());
 
-  WindowScan::Result scan = WindowScan::scan(root.string(), PricingTable::defaultTable());
+  WindowScan::Result scan = WindowScan::scan(systemFileSystem(), root.string(), PricingTable::defaultTable());
   EXPECT_GT(scan.events.size(), 1'000u);
   (void)WindowScan::walls(scan);
 }

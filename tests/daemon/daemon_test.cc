@@ -1,6 +1,6 @@
 // The daemon loop's pieces, driven by hand: the recompute gate and its
 // backoff, the spend basis, the tick, the initial pass and saving.
-#include "daemon/daemon.h"
+#include "daemon/loop/daemon.h"
 
 #include <gtest/gtest.h>
 
@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <thread>
 
-#include "daemon/persisted_state.h"
+#include "daemon/state/persisted_state.h"
 #include "line_builder.h"
 #include "support/fake_clock.h"
 #include "support/test_support.h"
@@ -29,16 +29,18 @@ std::string dollarTurn(InstantMs t, const std::string& rid) {
 // Keeps the jobs given to it until the test runs them.
 class ManualQueue final : public BackgroundQueue {
  public:
-  void async(std::function<void()> job) override { jobs_.push_back(std::move(job)); }
+  void async(std::function<void(std::stop_token)> job) override { jobs_.push_back(std::move(job)); }
+  void stopAndWait() override { stop_.request_stop(); }
   [[nodiscard]] size_t pending() const { return jobs_.size(); }
   void runAll() {
     auto jobs = std::move(jobs_);
     jobs_.clear();
-    for (auto& job : jobs) job();
+    for (auto& job : jobs) job(stop_.get_token());
   }
 
  private:
-  std::vector<std::function<void()>> jobs_;
+  std::vector<std::function<void(std::stop_token)>> jobs_;
+  std::stop_source stop_;
 };
 
 class NoIdle final : public HIDIdleSource {
@@ -102,14 +104,14 @@ struct Harness {
                         ""};
 
   [[nodiscard]] Daemon::Services services() {
-    return {clock, idle, stores, scheduler, names, macAi, queue, configFiles, nullptr};
+    return {systemFileSystem(), clock, idle, stores, scheduler, names, macAi, queue, configFiles, nullptr};
   }
   [[nodiscard]] fs::path transcript() const { return fs::path(options.root) / "p" / "a.jsonl"; }
 };
 
 // An engine that has read a day's dollar, and a gate that has not run yet.
 struct Polled : Harness {
-  LiveEngine engine{options.pricing, "UTC"};
+  LiveEngine engine{systemFileSystem(), options.pricing, "UTC"};
   std::shared_ptr<Daemon::TickState> state = std::make_shared<Daemon::TickState>();
 
   Polled() {
@@ -240,15 +242,15 @@ TEST(AssembleFeedTest, SpendBasisFollowsTheRecomputesAndConfigFilesAddTheirKeys)
 
 // A tick with a bundle in place, as after the initial pass.
 struct Ticking : Harness {
-  LiveEngine engine{options.pricing, "UTC"};
+  LiveEngine engine{systemFileSystem(), options.pricing, "UTC"};
   std::shared_ptr<Daemon::TickState> state = std::make_shared<Daemon::TickState>();
-  FeedWriter writer{options.feedPath, Daemon::kFeedMinIntervalSeconds, clock};
+  FeedWriter writer{systemFileSystem(), options.feedPath, Daemon::kFeedMinIntervalSeconds, clock};
 
   Ticking() {
     writeFile(transcript(), jsonl({dollarTurn(kNow - 3'600'000, "r1")}));
     writeFile(fs::path(options.root) / "p" / "a" / "subagents" / "x.jsonl",
               jsonl({dollarTurn(kNow - 3'500'000, "r2")}));
-    auto pass = Daemon::initialPass(engine, options, kNow, nullptr, nullptr, clock);
+    auto pass = Daemon::initialPass(systemFileSystem(), engine, options, kNow, nullptr, nullptr, clock);
     std::lock_guard lock(state->stateLock);
     state->odometerBundle = std::make_shared<const Odometer::Bundle>(std::move(pass->odometerBundle));
     state->lastOdometerAt = kNow;
@@ -354,7 +356,7 @@ TEST(DaemonTickTest, SavesEveryFiveMinutesWhileDirtyAndOnShutdown) {
   Daemon::TickOutcome stop = t.tick(603, true);
   EXPECT_TRUE(stop.shutdown);
   EXPECT_EQ(stop.exitStatus, 0);
-  auto saved = PersistedStateIO::load(t.options.scratchPath, t.options.root);
+  auto saved = PersistedStateIO::load(systemFileSystem(), t.options.scratchPath, t.options.root);
   ASSERT_TRUE(saved);
   EXPECT_EQ(saved->cachedWalls, walls);
   EXPECT_EQ(t.engine.persistDiagnostics()->count_since_start, 3);
@@ -375,8 +377,8 @@ TEST(InitialPassTest, AShutdownWaitsForTheJobsAndLeavesNoFeed) {
   Harness h;
   writeFile(h.transcript(), jsonl({dollarTurn(kNow - 3'600'000, "r1")}));
   StopWhen stop = slowStop();
-  LiveEngine engine(h.options.pricing, "UTC");
-  EXPECT_EQ(Daemon::initialPass(engine, h.options, kNow, nullptr, &stop, h.clock), std::nullopt);
+  LiveEngine engine(systemFileSystem(), h.options.pricing, "UTC");
+  EXPECT_EQ(Daemon::initialPass(systemFileSystem(), engine, h.options, kNow, nullptr, &stop, h.clock), std::nullopt);
   // The live poll stopped at the first file.
   EXPECT_TRUE(engine.fileOffsets().empty());
 
@@ -385,14 +387,14 @@ TEST(InitialPassTest, AShutdownWaitsForTheJobsAndLeavesNoFeed) {
   StopWhen again = slowStop();
   EXPECT_EQ(Daemon::runForever(h.options, again, h.services()), 0);
   EXPECT_EQ(readFile(h.options.feedPath), "previous");
-  EXPECT_TRUE(PersistedStateIO::load(h.options.scratchPath, h.options.root));
+  EXPECT_TRUE(PersistedStateIO::load(systemFileSystem(), h.options.scratchPath, h.options.root));
 }
 
 TEST(InitialPassTest, FiguresOfEveryJobOnColdAndWarmStarts) {
   Harness h;
   writeFile(h.transcript(), jsonl({dollarTurn(kNow - 3'600'000, "r1"), dollarTurn(kNow - 90'000'000, "r0")}));
-  LiveEngine cold(h.options.pricing, "UTC");
-  auto pass = Daemon::initialPass(cold, h.options, kNow, nullptr, nullptr, h.clock);
+  LiveEngine cold(systemFileSystem(), h.options.pricing, "UTC");
+  auto pass = Daemon::initialPass(systemFileSystem(), cold, h.options, kNow, nullptr, nullptr, h.clock);
   ASSERT_TRUE(pass);
   EXPECT_EQ(pass->accumulatorSnapshot.spentUSD, 1.0);
   EXPECT_EQ(pass->odometerBundle.lifetimeReceipt.totals.spent_usd, 2.0);
@@ -404,9 +406,9 @@ TEST(InitialPassTest, FiguresOfEveryJobOnColdAndWarmStarts) {
   // A restored engine reads nothing new and its check matches, so no fresh
   // family count is read: the feed could not use it. The state is restored
   // within the pass, as the daemon does it.
-  LiveEngine warm(h.options.pricing, "UTC");
+  LiveEngine warm(systemFileSystem(), h.options.pricing, "UTC");
   const PersistedState saved = cold.snapshotForPersistence(h.options.root);
-  auto again = Daemon::initialPass(warm, h.options, kNow, nullptr, nullptr, h.clock,
+  auto again = Daemon::initialPass(systemFileSystem(), warm, h.options, kNow, nullptr, nullptr, h.clock,
                                    [&saved](LiveEngine& engine) { engine.restore(saved); });
   ASSERT_TRUE(again);
   EXPECT_EQ(again->accumulatorSnapshot.spentUSD, 1.0);
@@ -416,9 +418,9 @@ TEST(InitialPassTest, FiguresOfEveryJobOnColdAndWarmStarts) {
   // A restored accumulator holding a turn the tree no longer has diverges:
   // then the fresh count is read, and it knows only what the tree holds.
   writeFile(h.transcript(), jsonl({dollarTurn(kNow - 90'000'000, "r0")}));
-  LiveEngine diverged(h.options.pricing, "UTC");
+  LiveEngine diverged(systemFileSystem(), h.options.pricing, "UTC");
   diverged.restore(cold.snapshotForPersistence(h.options.root));
-  auto third = Daemon::initialPass(diverged, h.options, kNow, nullptr, nullptr, h.clock);
+  auto third = Daemon::initialPass(systemFileSystem(), diverged, h.options, kNow, nullptr, nullptr, h.clock);
   ASSERT_TRUE(third);
   EXPECT_EQ(third->accumulatorSnapshot.spentUSD, 1.0);
   EXPECT_EQ(third->odometerBundle.todayWindowedReceipt.totals.spent_usd, 0.0);
@@ -438,7 +440,7 @@ TEST(RunForeverTest, TheFirstFeedReportsTheSaveMadeBesideIt) {
   ASSERT_TRUE(feed.diagnostics.persist);
   const auto bytes = static_cast<int64_t>(fs::file_size(h.options.scratchPath));
   EXPECT_EQ(*feed.diagnostics.persist, (FeedDiagnosticsPersist{1, bytes, bytes}));
-  auto saved = PersistedStateIO::load(h.options.scratchPath, h.options.root);
+  auto saved = PersistedStateIO::load(systemFileSystem(), h.options.scratchPath, h.options.root);
   ASSERT_TRUE(saved);
   EXPECT_TRUE(saved->cachedWalls);
   EXPECT_EQ(saved->seenRequestIds.size(), 2u);
@@ -448,10 +450,10 @@ TEST(PersistAndRecordTest, CountsEverySaveAndAFailedOneStillClearsDirty) {
   Polled h;
   LiveEngine& engine = h.engine;
   EXPECT_EQ(engine.persistDiagnostics(), std::nullopt);
-  const int64_t first = Daemon::persistAndRecord(engine, h.options);
+  const int64_t first = Daemon::persistAndRecord(systemFileSystem(), engine, h.options);
   EXPECT_EQ(first, static_cast<int64_t>(fs::file_size(h.options.scratchPath)));
   EXPECT_FALSE(engine.isDirty());
-  const int64_t second = Daemon::persistAndRecord(engine, h.options);
+  const int64_t second = Daemon::persistAndRecord(systemFileSystem(), engine, h.options);
   EXPECT_EQ(engine.persistDiagnostics(), (FeedDiagnosticsPersist{2, second, first + second}));
 
   DaemonOptions blocked = h.options;
@@ -459,7 +461,7 @@ TEST(PersistAndRecordTest, CountsEverySaveAndAFailedOneStillClearsDirty) {
   blocked.scratchPath = (h.dir.path() / "plain-file" / "state.json").string();
   (void)engine.poll(h.options.root, kNow + 86'400'000);  // a new day makes it dirty again
   ASSERT_TRUE(engine.isDirty());
-  EXPECT_EQ(Daemon::persistAndRecord(engine, blocked), 0);
+  EXPECT_EQ(Daemon::persistAndRecord(systemFileSystem(), engine, blocked), 0);
   EXPECT_FALSE(engine.isDirty());
   EXPECT_EQ(engine.persistDiagnostics(), (FeedDiagnosticsPersist{3, 0, first + second}));
 }

@@ -1,5 +1,5 @@
 // The feed's JSON, its lenient reading of older feeds, and the writer.
-#include "daemon/feed.h"
+#include "daemon/feed/feed.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <thread>
 
-#include "daemon/feed_writer.h"
+#include "daemon/feed/feed_writer.h"
 #include "line_builder.h"
 #include "support/fake_clock.h"
 #include "support/test_support.h"
@@ -163,7 +163,7 @@ TEST(FeedTest, EveryKeyRoundTripsAndReusedRowsGiveTheSameBytes) {
 TEST(FeedWriterTest, DebouncesBelowTheMinimumIntervalAndWritesAtIt) {
   TempDir dir;
   FakeClock clock(at("2026-03-10T12:00:00Z"));
-  FeedWriter writer((dir.path() / "feed.json").string(), 1.0, clock);
+  FeedWriter writer(systemFileSystem(), (dir.path() / "feed.json").string(), 1.0, clock);
   const InstantMs t0 = clock.nowMs();
   auto first = writer.writeDebounced(fullFeed(), t0);
   ASSERT_TRUE(first.ok() && first.value());
@@ -180,7 +180,7 @@ TEST(FeedWriterTest, FileIsOwnerOnlyAndAFailedWriteChangesNothing) {
   testing::writeFile(path, "old");
   std::filesystem::permissions(path, std::filesystem::perms(0644));
   FakeClock clock(at("2026-03-10T12:00:00Z"));
-  FeedWriter writer(path.string(), 1.0, clock);
+  FeedWriter writer(systemFileSystem(), path.string(), 1.0, clock);
   ASSERT_TRUE(writer.writeNow(fullFeed()).ok());
   struct stat st;
   ASSERT_EQ(::stat(path.c_str(), &st), 0);
@@ -192,7 +192,7 @@ TEST(FeedWriterTest, FileIsOwnerOnlyAndAFailedWriteChangesNothing) {
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);
 
   const auto missing = dir.path() / "no-such-folder" / "feed.json";
-  FeedWriter orphan(missing.string(), 1.0, clock);
+  FeedWriter orphan(systemFileSystem(), missing.string(), 1.0, clock);
   EXPECT_FALSE(orphan.writeNow(fullFeed()).ok());
   EXPECT_EQ(orphan.lastWriteAt(), std::nullopt);
   EXPECT_FALSE(std::filesystem::exists(missing.parent_path()));
@@ -201,7 +201,7 @@ TEST(FeedWriterTest, FileIsOwnerOnlyAndAFailedWriteChangesNothing) {
 TEST(FeedWriterTest, AReaderNeverSeesATornFeed) {
   TempDir dir;
   const auto path = dir.path() / "feed.json";
-  FeedWriter writer(path.string(), 0.0);
+  FeedWriter writer(systemFileSystem(), path.string(), 0.0);
   ASSERT_TRUE(writer.writeNow(Feed{}).ok());
   std::atomic<bool> writing{true};
   std::atomic<int> reads{0}, torn{0};

@@ -7,7 +7,7 @@
 #include <ostream>
 #include <string>
 
-#include "meter/iso8601.h"
+#include "transcript/iso8601.h"
 
 namespace ostler::testing {
 

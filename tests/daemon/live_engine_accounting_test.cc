@@ -2,7 +2,7 @@
 // driven through real files and polls.
 #include <gtest/gtest.h>
 
-#include "daemon/live_engine.h"
+#include "daemon/engine/live_engine.h"
 #include "line_builder.h"
 #include "support/test_support.h"
 
@@ -41,7 +41,7 @@ class AccountingTest : public ::testing::Test {
   }
 
   TempDir dir_;
-  LiveEngine engine_{centPerToken(), "UTC"};
+  LiveEngine engine_{systemFileSystem(), centPerToken(), "UTC"};
 };
 
 std::string line(const char* ts, const std::optional<std::string>& rid, int64_t output,

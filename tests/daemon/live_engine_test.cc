@@ -1,12 +1,12 @@
 // Reading: polls over growing, shrinking and vanishing files, routing,
 // shutdown, rollover, the parser alarm and garbage collection.
-#include "daemon/live_engine.h"
+#include "daemon/engine/live_engine.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 
-#include "daemon/tail_reader.h"
+#include "transcript/tail_reader.h"
 #include "line_builder.h"
 #include "support/test_support.h"
 
@@ -47,7 +47,7 @@ TEST(LiveEngineTest, AppendedFragmentsCountEachRequestOnceWithOffsetsOnWholeLine
   const auto path = dir.path() / "proj" / "s1.jsonl";
   // Fragments cut everywhere: inside JSON, inside the multi-byte
   // characters, exactly at line feeds.
-  LiveEngine live(PricingTable::defaultTable(), "UTC");
+  LiveEngine live(systemFileSystem(), PricingTable::defaultTable(), "UTC");
   writeFile(path, "");
   size_t written = 0;
   for (size_t step = 1; written < all.size(); step = step % 97 + 13) {
@@ -81,7 +81,7 @@ TEST(LiveEngineTest, ShrunkFileIsReadAgainWithoutDoublingTheDay) {
   const auto path = dir.path() / "proj" / "s1.jsonl";
   writeFile(path, jsonl({turn("2026-03-10T10:00:00Z", "r1", 100),
                          turn("2026-03-10T10:01:00Z", "r2", 100)}));
-  LiveEngine engine(PricingTable::defaultTable(), "UTC");
+  LiveEngine engine(systemFileSystem(), PricingTable::defaultTable(), "UTC");
   (void)engine.poll(dir.str(), kNow);
   const double spent = engine.todaySpentUSD();
   ASSERT_EQ(engine.todayTurns(), 2);
@@ -107,7 +107,7 @@ TEST(LiveEngineTest, BlankLinesAreNeitherSeenNorSkippedButUnparsableOnesTouch) {
   writeFile(dir.path() / "proj" / "blank.jsonl", "\n  \t\n");
   writeFile(dir.path() / "proj" / "bad.jsonl", "oops\n");
   writeFile(dir.path() / "proj" / "torn.jsonl", "{\"type\":");
-  LiveEngine engine(PricingTable::defaultTable(), "UTC");
+  LiveEngine engine(systemFileSystem(), PricingTable::defaultTable(), "UTC");
   EXPECT_FALSE(engine.exclusionsSnapshot());
   EXPECT_EQ(engine.poll(dir.str(), kNow), (std::set<std::string>{"bad", "blank"}));
   EXPECT_EQ(engine.newLinesSeen(), 1);
@@ -127,7 +127,7 @@ TEST(LiveEngineTest, ParserAlarmTripsAboveFivePercent) {
     for (int i = 0; i < good; ++i) text += "{}\n";
     for (int i = 0; i < bad; ++i) text += "[]\n";
     writeFile(dir.path() / "p" / "s.jsonl", text);
-    auto engine = std::make_unique<LiveEngine>(PricingTable::defaultTable(), "UTC");
+    auto engine = std::make_unique<LiveEngine>(systemFileSystem(), PricingTable::defaultTable(), "UTC");
     (void)engine->poll(dir.str(), kNow);
     return engine;
   };
@@ -147,7 +147,7 @@ TEST(LiveEngineTest, ShutdownStopsAtAFileBoundaryAndStillPrunesBurns) {
   writeFile(dir.path() / "p" / "a.jsonl", jsonl({turn("2026-02-01T10:00:00Z", "old", 10),
                                                   turn("2026-03-10T10:00:00Z", "a1", 10)}));
   writeFile(dir.path() / "p" / "b.jsonl", jsonl({turn("2026-03-10T10:00:00Z", "b1", 10)}));
-  LiveEngine engine(PricingTable::defaultTable(), "UTC");
+  LiveEngine engine(systemFileSystem(), PricingTable::defaultTable(), "UTC");
   StopAfterFirstFile stop;
   auto touched = engine.poll(dir.str(), kNow, &stop);
   EXPECT_EQ(touched, std::set<std::string>{"a"});
@@ -172,7 +172,7 @@ TEST(LiveEngineTest, DayRollsOverBeforeTheNewDaysLines) {
   const auto path = dir.path() / "p" / "s.jsonl";
   writeFile(path, jsonl({turn("2026-03-10T22:00:00Z", "r1", 10)}));
   // Berlin is an hour ahead of UTC in March: its day starts at 23:00 UTC.
-  LiveEngine engine(PricingTable::defaultTable(), "Europe/Berlin");
+  LiveEngine engine(systemFileSystem(), PricingTable::defaultTable(), "Europe/Berlin");
   (void)engine.poll(dir.str(), at("2026-03-10T22:30:00Z"));
   EXPECT_EQ(engine.todayBoundary(), at("2026-03-09T23:00:00Z"));
   EXPECT_EQ(engine.todayTurns(), 1);
@@ -186,7 +186,7 @@ TEST(LiveEngineTest, DayRollsOverBeforeTheNewDaysLines) {
   // A restored engine whose day is over resets at its first poll, even with
   // nothing new to read.
   PersistedState saved = engine.snapshotForPersistence(dir.str());
-  LiveEngine restored(PricingTable::defaultTable(), "Europe/Berlin");
+  LiveEngine restored(systemFileSystem(), PricingTable::defaultTable(), "Europe/Berlin");
   restored.restore(saved);
   EXPECT_EQ(restored.todayTurns(), 1);
   (void)restored.poll(dir.str(), at("2026-03-12T08:00:00Z"));
@@ -195,7 +195,7 @@ TEST(LiveEngineTest, DayRollsOverBeforeTheNewDaysLines) {
   EXPECT_TRUE(restored.isDirty());
 
   // The day the clocks go back lasts 25 hours, to its last millisecond.
-  LiveEngine autumn(PricingTable::defaultTable(), "Europe/Berlin");
+  LiveEngine autumn(systemFileSystem(), PricingTable::defaultTable(), "Europe/Berlin");
   (void)autumn.poll(dir.str(), at("2026-10-25T22:59:59.999Z"));
   EXPECT_EQ(autumn.todayBoundary(), at("2026-10-24T22:00:00Z"));
   (void)autumn.poll(dir.str(), at("2026-10-25T23:00:00Z"));
@@ -224,7 +224,7 @@ TEST(LiveEngineTest, RoutingNamesChatsAndGarbageCollectionFollowsTheTree) {
   writeFile(proj / "s2" / "subagents" / "agent-1.jsonl", jsonl({turn("2026-03-10T10:00:00Z", "r2", 1)}));
   writeFile(proj / "s3.jsonl", jsonl({"{}"}));
 
-  LiveEngine engine(PricingTable::defaultTable(), "UTC");
+  LiveEngine engine(systemFileSystem(), PricingTable::defaultTable(), "UTC");
   EXPECT_EQ(engine.poll(dir.str(), kNow), (std::set<std::string>{"s1", "s2", "s3"}));
   const SessionLiveState& s1 = engine.sessionState().at("s1");
   EXPECT_EQ(s1.project, "app");
@@ -242,7 +242,7 @@ TEST(LiveEngineTest, RoutingNamesChatsAndGarbageCollectionFollowsTheTree) {
   PersistedState saved = engine.snapshotForPersistence(dir.str());
   std::filesystem::remove(proj / "s3.jsonl");
   std::filesystem::remove(proj / "s1.jsonl");
-  LiveEngine restored(PricingTable::defaultTable(), "UTC");
+  LiveEngine restored(systemFileSystem(), PricingTable::defaultTable(), "UTC");
   restored.restore(saved);
   restored.markClean();
   (void)restored.poll(dir.str(), kNow);
@@ -254,34 +254,6 @@ TEST(LiveEngineTest, RoutingNamesChatsAndGarbageCollectionFollowsTheTree) {
   // Request ids and today's figures stay.
   EXPECT_TRUE(restored.seenRequestIds().contains("r1"));
   EXPECT_EQ(restored.todayTurns(), 2);
-}
-
-// The lines a reader with a buffer limit of 64 bytes takes from `*offset`
-// in reads of `chunk` bytes; `*offset` moves to where it stopped.
-std::vector<std::string> readFrom(const std::string& path, int64_t* offset, size_t chunk) {
-  auto reader = TailReader::open(path, *offset, chunk, 64);
-  EXPECT_TRUE(reader.has_value());
-  if (!reader) return {};
-  auto lines = reader->readAvailableLines();
-  *offset = reader->offset();
-  return lines;
-}
-
-TEST(TailReaderTest, LineOverTheBufferLimitHoldsTheOffsetAndEverythingBehindIt) {
-  TempDir dir;
-  auto path = (dir.path() / "a.jsonl").string();
-  // A line that fits once read; then one longer than the limit, then a
-  // short one that is never reached.
-  writeFile(path, "ok\n" + std::string(200, 'x') + "\nlater\n");
-  int64_t offset = 0;
-  EXPECT_EQ(readFrom(path, &offset, 16), (std::vector<std::string>{"ok"}));
-  EXPECT_EQ(offset, 3);
-  // Tried again from the same place, with the same outcome.
-  EXPECT_TRUE(readFrom(path, &offset, 16).empty());
-  EXPECT_EQ(offset, 3);
-  // The limit is checked only when no line feed is buffered: a line that
-  // ends within the read that crossed the limit is still taken.
-  EXPECT_EQ(readFrom(path, &offset, 256).size(), 2u);
 }
 
 }  // namespace

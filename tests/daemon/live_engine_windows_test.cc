@@ -2,7 +2,7 @@
 // quota phrase, walls and reset instants from the last scan.
 #include <gtest/gtest.h>
 
-#include "daemon/live_engine.h"
+#include "daemon/engine/live_engine.h"
 #include "line_builder.h"
 #include "support/test_support.h"
 
@@ -26,7 +26,7 @@ class WindowsTest : public ::testing::Test {
     (void)engine_.poll(dir_.str(), now);
   }
   TempDir dir_;
-  LiveEngine engine_{PricingTable::defaultTable(), "UTC"};
+  LiveEngine engine_{systemFileSystem(), PricingTable::defaultTable(), "UTC"};
 };
 
 TEST_F(WindowsTest, SessionAnchorIsTheLaterOfInferenceAndAPastResetPhrase) {

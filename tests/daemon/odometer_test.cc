@@ -1,13 +1,13 @@
 // The heavy figures, the today equality check and the published today.
-#include "daemon/odometer.h"
+#include "daemon/loop/odometer.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
 
-#include "daemon/live_engine.h"
-#include "daemon/local_day.h"
-#include "daemon/today_equality_check.h"
+#include "daemon/engine/live_engine.h"
+#include "daemon/windows/local_day.h"
+#include "daemon/loop/today_equality_check.h"
 #include "line_builder.h"
 #include "meter/meter_engine.h"
 #include "platform/clock.h"
@@ -82,13 +82,13 @@ TEST(TodayEqualityCheckTest, AGeneratedDayMatches) {
   // The generator writes up to the real present, so the day is the real one.
   const InstantMs now = systemClock().nowMs();
   const std::string zone = "America/Los_Angeles";
-  LiveEngine engine(PricingTable::defaultTable(), zone);
+  LiveEngine engine(systemFileSystem(), PricingTable::defaultTable(), zone);
   (void)engine.poll(root, now);
   MeterOptions options;
   options.root = root;
   options.sinceInstant = ISO8601::fractional(LocalDay::localMidnightInstant(now, zone));
   options.untilInstant = ISO8601::fractional(now);
-  const double windowed = MeterEngine::run(options).totals.spent_usd;
+  const double windowed = MeterEngine::run(systemFileSystem(), options).totals.spent_usd;
   EXPECT_TRUE(TodayEqualityCheck::check(engine.todayAccumulatorSnapshot().spentUSD, 0, windowed, now, nullptr).matches);
 }
 
@@ -96,7 +96,7 @@ TEST(SnapshotTodayTest, FamiliesSharesAndTheSpendBasis) {
   TempDir dir;
   writeFile(dir.path() / "p" / "a.jsonl",
             jsonl({turnLine("2026-03-10T10:00:00Z", "r1", {.input = 1'000'000}, "claude-haiku-4-5")}));
-  LiveEngine engine(PricingTable::defaultTable(), "UTC");
+  LiveEngine engine(systemFileSystem(), PricingTable::defaultTable(), "UTC");
 
   // An empty day still names the four families; no spend means no shares,
   // however many avoidable dollars the windowed receipt found.

@@ -13,8 +13,8 @@
 #include <filesystem>
 #include <thread>
 
-#include "daemon/feed.h"
-#include "daemon/persisted_state.h"
+#include "daemon/feed/feed.h"
+#include "daemon/state/persisted_state.h"
 #include "line_builder.h"
 #include "platform/clock.h"
 #include "support/test_support.h"
@@ -174,7 +174,7 @@ TEST(OstlerdTest, FollowsAGrowingTreeStopsCleanlyAndRestartsFromItsState) {
     EXPECT_EQ(daemon.terminate(Seconds(10)), 0) << testing::readFile(dir.path() / "first.log");
   }
   // The state holds the appended line's offset.
-  auto saved = PersistedStateIO::load(statePath.string(), root.string());
+  auto saved = PersistedStateIO::load(systemFileSystem(), statePath.string(), root.string());
   ASSERT_TRUE(saved);
   EXPECT_EQ(saved->fileOffsets.at(transcript.string()), static_cast<int64_t>(fs::file_size(transcript)));
 

@@ -1,4 +1,4 @@
-#include "daemon/persisted_state.h"
+#include "daemon/state/persisted_state.h"
 
 #include <gtest/gtest.h>
 
@@ -9,11 +9,11 @@
 #include <limits>
 #include <random>
 
-#include "daemon/json_fields.h"
-#include "daemon/live_engine.h"
-#include "daemon/persisted_state_codec.h"
+#include "daemon/feed/json_fields.h"
+#include "daemon/engine/live_engine.h"
+#include "daemon/state/persisted_state_codec.h"
 #include "line_builder.h"
-#include "meter/text.h"
+#include "transcript/text.h"
 #include "support/test_support.h"
 
 namespace ostler {
@@ -235,22 +235,22 @@ TEST(PersistedStateTest, SavesAtomicallyAndLoadsOnlyItsOwnFile) {
   TempDir dir;
   const std::string path = (dir.path() / "deep" / "er" / "state.json").string();
   const PersistedState s = full();
-  auto saved = PersistedStateIO::save(s, path);
+  auto saved = PersistedStateIO::save(systemFileSystem(), s, path);
   ASSERT_TRUE(saved.ok()) << saved.error().message;
   EXPECT_EQ(saved.value(), static_cast<int64_t>(std::filesystem::file_size(path)));
   EXPECT_EQ(readFile(path), PersistedStateCodec::encode(s));
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path() / "deep" / "er"), {}), 1);
-  EXPECT_TRUE(PersistedStateIO::load(path, s.root) == s);
-  EXPECT_FALSE(PersistedStateIO::load((dir.path() / "missing.json").string(), s.root));
-  EXPECT_FALSE(PersistedStateIO::load(dir.str(), s.root));
+  EXPECT_TRUE(PersistedStateIO::load(systemFileSystem(), path, s.root) == s);
+  EXPECT_FALSE(PersistedStateIO::load(systemFileSystem(), (dir.path() / "missing.json").string(), s.root));
+  EXPECT_FALSE(PersistedStateIO::load(systemFileSystem(), dir.str(), s.root));
   writeFile(path, "");
-  EXPECT_FALSE(PersistedStateIO::load(path, s.root));
+  EXPECT_FALSE(PersistedStateIO::load(systemFileSystem(), path, s.root));
 
   // A state of several pieces is written as it is encoded, to the same text;
   // a sink that refuses a piece is handed no more.
   PersistedState big = numbers();
   while (big.recentBurns.size() < 8000) big.recentBurns.push_back(big.recentBurns[big.recentBurns.size() % 2000]);
-  ASSERT_TRUE(PersistedStateIO::save(big, path).ok());
+  ASSERT_TRUE(PersistedStateIO::save(systemFileSystem(), big, path).ok());
   const std::string whole = PersistedStateCodec::encode(big);
   EXPECT_EQ(readFile(path), whole);
   std::vector<size_t> pieces;
@@ -307,15 +307,15 @@ TEST(PersistedStateTest, RestartMidDayEndsWithTheFiguresOfAnEngineThatNeverStopp
   const InstantMs now = at("2026-03-10T12:00:00Z");
   const auto parts = stages();
 
-  LiveEngine steady(PricingTable::defaultTable(), "UTC");
-  LiveEngine first(PricingTable::defaultTable(), "UTC");
+  LiveEngine steady(systemFileSystem(), PricingTable::defaultTable(), "UTC");
+  LiveEngine first(systemFileSystem(), PricingTable::defaultTable(), "UTC");
   for (size_t i = 0; i < 2; ++i) {
     appendFile(file, parts[i]);
     (void)steady.poll(root, now);
     (void)first.poll(root, now);
   }
   // Saved as the daemon saves it, from the engine's own fields.
-  ASSERT_TRUE(PersistedStateIO::save(first.persistenceView(root), statePath).ok());
+  ASSERT_TRUE(PersistedStateIO::save(systemFileSystem(), first.persistenceView(root), statePath).ok());
   EXPECT_EQ(PersistedStateCodec::encode(first.persistenceView(root)),
             PersistedStateCodec::encode(first.snapshotForPersistence(root)));
   // The first engine goes on a little before it dies, unsaved.
@@ -326,9 +326,9 @@ TEST(PersistedStateTest, RestartMidDayEndsWithTheFiguresOfAnEngineThatNeverStopp
 
   // The restarted engine reads again what lies behind the saved offset; the
   // saved open request and seen ids keep it from counting anything twice.
-  auto loaded = PersistedStateIO::load(statePath, root);
+  auto loaded = PersistedStateIO::load(systemFileSystem(), statePath, root);
   ASSERT_TRUE(loaded);
-  LiveEngine second(PricingTable::defaultTable(), "UTC");
+  LiveEngine second(systemFileSystem(), PricingTable::defaultTable(), "UTC");
   second.restore(*loaded);
   (void)second.poll(root, now);
   EXPECT_EQ(figures(second), figures(steady));

@@ -1,9 +1,9 @@
-#include "daemon/reset_phrase_parser.h"
+#include "daemon/windows/reset_phrase_parser.h"
 
 #include <gtest/gtest.h>
 
-#include "daemon/case_folding.h"
-#include "daemon/resets_phrase.h"
+#include "daemon/engine/case_folding.h"
+#include "daemon/windows/resets_phrase.h"
 #include "line_builder.h"
 
 namespace ostler {

@@ -2,10 +2,10 @@
 // expiry nudge, and the agents-by-model tally.
 #include <gtest/gtest.h>
 
-#include "daemon/agents_by_model_aggregate.h"
-#include "daemon/nudge_derivation.h"
-#include "daemon/prompt_state.h"
-#include "daemon/temperature.h"
+#include "daemon/feed/agents_by_model_aggregate.h"
+#include "daemon/engine/nudge_derivation.h"
+#include "daemon/engine/prompt_state.h"
+#include "daemon/engine/temperature.h"
 #include "line_builder.h"
 
 namespace ostler {

@@ -5,8 +5,8 @@
 #include <chrono>
 #include <filesystem>
 
-#include "daemon/live_engine.h"
-#include "daemon/session_discovery.h"
+#include "daemon/engine/live_engine.h"
+#include "daemon/engine/active_dispatches.h"
 #include "line_builder.h"
 #include "support/test_support.h"
 
@@ -68,7 +68,7 @@ class SessionSnapshotTest : public ::testing::Test {
 
   TempDir dir_;
   const fs::path project_ = dir_.path() / "p";
-  LiveEngine engine_{PricingTable::defaultTable(), "UTC"};
+  LiveEngine engine_{systemFileSystem(), PricingTable::defaultTable(), "UTC"};
   NoCloseoutStores stores_;
   NoIdle idle_;
 };
@@ -142,7 +142,7 @@ TEST_F(SessionSnapshotTest, InventoryRowsAreReusedForThirtySecondsUnlessTouched)
 
   // A chat whose files are gone leaves the memo with its state.
   fs::remove(project_ / "a.jsonl");
-  engine_.gcDeadEntries(SessionDiscovery::discoverFiles(dir_.str()));
+  engine_.gcDeadEntries(SessionDiscovery::discoverFiles(systemFileSystem(), dir_.str()));
   EXPECT_EQ(engine_.sessionsAllMemo().size(), 1u);
   EXPECT_TRUE(engine_.sessionsAllMemo().contains("b"));
 }
@@ -185,13 +185,13 @@ TEST_F(SessionSnapshotTest, RunningAgentsTheirModelsAndTheTokenRate) {
   setModified(subagents / "agent-4.jsonl", kNow - 1'000);
   setModified(subagents / "agent-5.jsonl", kNow - 60'001);   // finished
   setModified(subagents / "notes.txt", kNow);
-  EXPECT_EQ(SessionDiscovery::activeDispatchFiles(project_.string(), "s", kNow, 60.0),
+  EXPECT_EQ(ActiveDispatches::files(systemFileSystem(), project_.string(), "s", kNow, 60.0),
             (std::vector<std::string>{(subagents / "agent-1.jsonl").string(), (subagents / "agent-2.jsonl").string(),
                                       (subagents / "agent-4.jsonl").string(),
                                       (subagents / "nested" / "agent-3.jsonl").string()}));
   setModified(subagents / "agent-2.jsonl", kNow + 1'001);
-  EXPECT_EQ(SessionDiscovery::activeDispatchFiles(project_.string(), "s", kNow, 60.0).size(), 3u);
-  EXPECT_TRUE(SessionDiscovery::activeDispatchFiles(project_.string(), "nobody", kNow, 60.0).empty());
+  EXPECT_EQ(ActiveDispatches::files(systemFileSystem(), project_.string(), "s", kNow, 60.0).size(), 3u);
+  EXPECT_TRUE(ActiveDispatches::files(systemFileSystem(), project_.string(), "nobody", kNow, 60.0).empty());
 
   setModified(subagents / "agent-2.jsonl", kNow);
   FeedNow now = engine_.snapshotNow(kNow);
@@ -255,7 +255,7 @@ TEST(SessionDiscoveryTest, ProjectsThenTopLevelFilesThenSubagentsSessionBySessio
                            "b-proj/s1/other/x.jsonl", "a-proj/s9.jsonl", "stray.jsonl"})
     writeFile(root / path, "");
 
-  auto files = SessionDiscovery::discoverFiles(root.string());
+  auto files = SessionDiscovery::discoverFiles(systemFileSystem(), root.string());
   std::vector<std::string> paths;
   for (const auto& f : files) paths.push_back(f.path.substr(root.string().size() + 1));
   EXPECT_EQ(paths, (std::vector<std::string>{
@@ -266,11 +266,11 @@ TEST(SessionDiscoveryTest, ProjectsThenTopLevelFilesThenSubagentsSessionBySessio
                        "b-proj/s2/subagents/agent-b.jsonl",
                        "b-proj/s2/subagents/deep/agent-a.jsonl",
                    }));
-  EXPECT_EQ(files[1], (DaemonFile{(root / "b-proj" / "s1.jsonl").string(), "s1", (root / "b-proj").string(), false}));
-  EXPECT_EQ(files[3], (DaemonFile{(root / "b-proj/s0/subagents/agent-z.jsonl").string(), "s0",
+  EXPECT_EQ(files[1], (TranscriptFile{(root / "b-proj" / "s1.jsonl").string(), "s1", (root / "b-proj").string(), false}));
+  EXPECT_EQ(files[3], (TranscriptFile{(root / "b-proj/s0/subagents/agent-z.jsonl").string(), "s0",
                                   (root / "b-proj").string(), true}));
 
-  EXPECT_TRUE(SessionDiscovery::discoverFiles((root / "missing").string()).empty());
+  EXPECT_TRUE(SessionDiscovery::discoverFiles(systemFileSystem(), (root / "missing").string()).empty());
 }
 
 }  // namespace

@@ -1,13 +1,13 @@
 // The limit windows: the scan of the tree for burns and limit messages, and
 // the pure pieces that turn them into gauges, anchors and walls.
-#include "daemon/window_scan.h"
+#include "daemon/windows/window_scan.h"
 
 #include <gtest/gtest.h>
 
-#include "daemon/limit_event_clustering.h"
-#include "daemon/session_anchor_inference.h"
-#include "daemon/wall_learner.h"
-#include "daemon/window_burn.h"
+#include "daemon/windows/limit_event_clustering.h"
+#include "daemon/windows/session_anchor_inference.h"
+#include "daemon/windows/wall_learner.h"
+#include "daemon/windows/window_burn.h"
 #include "line_builder.h"
 #include "support/test_support.h"
 
@@ -32,7 +32,7 @@ TEST(WindowScanTest, OneEventPerRequestAtItsLastLineFromItsFirstCopy) {
   // the file read first.
   writeFile(dir.path() / "p" / "b.jsonl", jsonl({turn("2026-03-10T11:00:00Z", "x", 9000),
                                                  turn("2026-03-10T11:00:01Z", "w", 10)}));
-  WindowScan::Result r = WindowScan::scan(dir.str(), PricingTable::defaultTable());
+  WindowScan::Result r = WindowScan::scan(systemFileSystem(), dir.str(), PricingTable::defaultTable());
   ASSERT_EQ(r.events.size(), 4u);
   EXPECT_EQ(r.events[0], (BurnEvent{at("2026-03-10T10:00:02Z"), 300 * 25.0 / 1e6, false, 300}));
   EXPECT_EQ(r.events[1], (BurnEvent{at("2026-03-10T10:01:00Z"), 40 * 50.0 / 1e6, true, 40}));
@@ -48,7 +48,7 @@ TEST(WindowScanTest, LimitMessagesOfEitherShapeWithTheirPhrase) {
                    limitLine("2026-03-10T10:05:00Z", "Weekly limit reached"),
                    limitLine("2026-03-10T10:06:00Z", "session limit and weekly limit, RESETS soon"),
                    limitLine("2026-03-10T10:07:00Z", "overloaded")}));
-  WindowScan::Result r = WindowScan::scan(dir.str(), PricingTable::defaultTable());
+  WindowScan::Result r = WindowScan::scan(systemFileSystem(), dir.str(), PricingTable::defaultTable());
   ASSERT_EQ(r.limitEvents.size(), 3u);
   EXPECT_EQ(r.limitEvents[0], (WindowScan::LimitEvent{at("2026-03-10T10:00:00Z"), true, false, "resets 3:00pm (UTC)"}));
   EXPECT_EQ(r.limitEvents[1], (WindowScan::LimitEvent{at("2026-03-10T10:05:00Z"), false, true, std::nullopt}));

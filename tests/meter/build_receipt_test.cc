@@ -5,6 +5,10 @@
 #include <string>
 #include <vector>
 
+#include <algorithm>
+#include <random>
+
+#include "meter/top_k.h"
 #include "support/transcript_tree.h"
 
 namespace ostler {
@@ -130,6 +134,30 @@ TEST(BuildReceiptTest, FiguresComeFromUnroundedSums) {
   EXPECT_EQ(buildReceipt(typed, MeterOptions{}, kGenerated).typed_share->faced_share_percent, 12.35);
   typed.totalSpent = 0.0;
   EXPECT_EQ(buildReceipt(typed, MeterOptions{}, kGenerated).typed_share->faced_share_percent, 0.0);
+}
+
+struct ByValueThenName {
+  bool operator()(const std::pair<int, std::string>& a, const std::pair<int, std::string>& b) const {
+    if (a.first != b.first) return a.first > b.first;
+    return a.second < b.second;
+  }
+};
+
+TEST(TopKTest, KeepsWhatAStableSortWouldPutFirst) {
+  std::mt19937 rng(3);
+  for (int round = 0; round < 200; ++round) {
+    std::vector<std::pair<int, std::string>> all;
+    TopK<std::pair<int, std::string>, ByValueThenName, 10> top;
+    for (int i = 0, n = static_cast<int>(rng() % 40); i < n; ++i) {
+      // Few distinct values and names, so that full ties are common.
+      std::pair<int, std::string> v{static_cast<int>(rng() % 5), std::string(1, static_cast<char>('a' + rng() % 3))};
+      all.push_back(v);
+      top.push_back(v);
+    }
+    std::stable_sort(all.begin(), all.end(), ByValueThenName{});
+    if (all.size() > 10) all.resize(10);
+    EXPECT_EQ(top.sorted(), all);
+  }
 }
 
 }  // namespace

@@ -72,7 +72,7 @@ TEST(GoldenReceiptsTest, EveryReferenceReceiptIsMet) {
     o.until = c.until;
     o.sinceInstant = c.sinceInstant;
     o.untilInstant = c.untilInstant;
-    const Receipt receipt = MeterEngine::run(o, nullptr, clock);
+    const Receipt receipt = MeterEngine::run(systemFileSystem(), o, nullptr, clock);
 
     json expected = json::parse(testing::readFile(golden / (c.receipt + ".json")));
     json actual = json::parse(encodeReceiptJSON(receipt));

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <string>
 #include <vector>
@@ -28,7 +29,7 @@ struct Recorder {
 
   Receipt run(const MeterOptions& options) {
     return MeterEngine::run(
-        options,
+        systemFileSystem(), options,
         [this](const MeterProgress& p) {
           reports.push_back(p);
           clock.advance(advancePerReport);
@@ -122,7 +123,7 @@ TEST(MeterEngineTest, GeneratedTreesKeepThePartitionOfSpend) {
                                                    "--image-kb", "8", "--end", "2026-11-20"}));
     MeterOptions o;
     o.root = dir.str();
-    const Receipt r = MeterEngine::run(o);
+    const Receipt r = MeterEngine::run(systemFileSystem(), o);
     ASSERT_GT(r.totals.turns, 0);
     EXPECT_GT(r.waste.total_usd + r.mac_first.total_usd, 0.0);
     expectConsistent(r);
@@ -130,10 +131,71 @@ TEST(MeterEngineTest, GeneratedTreesKeepThePartitionOfSpend) {
     MeterOptions window = o;
     window.sinceInstant = "2026-11-10T00:00:00Z";
     window.until = "2026-11-15";
-    const Receipt windowed = MeterEngine::run(window);
+    const Receipt windowed = MeterEngine::run(systemFileSystem(), window);
     expectConsistent(windowed);
     EXPECT_LT(windowed.totals.turns, r.totals.turns);
   }
+}
+
+// Passes sharing one reading give exactly what each gives on its own.
+TEST(RunAllTest, SharedReadingEqualsSeparateRuns) {
+  testing::TempDir dir;
+  if (!testing::generateTree(dir.path(), {"--seed", "5", "--sessions", "10", "--turns", "14", "--resume-rate", "0.3",
+                                           "--image-rate", "0.3", "--bad-rate", "0.02"}))
+    GTEST_SKIP() << "no transcript generator beside the checkout";
+  std::vector<MeterOptions> passes(3);
+  for (auto& p : passes) p.root = dir.str();
+  passes[1].since = "2026-11-05";
+  passes[1].until = "2026-11-12";
+  passes[2].sinceInstant = "2026-11-03T12:00:00.000Z";
+  passes[2].untilInstant = "2026-11-09T06:30:00Z";
+  const std::vector<MeterRun> together = *MeterEngine::runAll(systemFileSystem(), passes);
+  ASSERT_EQ(together.size(), passes.size());
+  for (size_t i = 0; i < passes.size(); ++i) {
+    MeterRun alone = MeterEngine::runWithLoopDetail(systemFileSystem(), passes[i]);
+    alone.receipt.generated_at = together[i].receipt.generated_at;
+    EXPECT_EQ(together[i].receipt, alone.receipt) << i;
+    EXPECT_EQ(together[i].loopDetail, alone.loopDetail) << i;
+  }
+  EXPECT_GT(together[0].receipt.totals.turns, together[1].receipt.totals.turns);
+
+  // However few of the sessions waiting for pass one the memory budget
+  // holds, the rest read again, the figures stay the same. Repeated
+  // commands are among them, and they are the figures the wait is for.
+  for (uint64_t holdBytes : {uint64_t{0}, uint64_t{40'000}, uint64_t{400'000}}) {
+    const std::vector<MeterRun> held =
+        *MeterEngine::runAll(systemFileSystem(), passes, nullptr, systemClock(), {.holdBytes = holdBytes});
+    for (size_t i = 0; i < passes.size(); ++i) {
+      MeterRun r = held[i];
+      r.receipt.generated_at = together[i].receipt.generated_at;
+      EXPECT_EQ(r.receipt, together[i].receipt) << i << " holding " << holdBytes;
+      EXPECT_EQ(r.loopDetail, together[i].loopDetail) << i << " holding " << holdBytes;
+    }
+  }
+  const auto& categories = together[0].receipt.mac_first.categories;
+  const auto repeats = std::find_if(categories.begin(), categories.end(),
+                                    [](const ReceiptCategory& c) { return c.key == "repeat_pipelines"; });
+  ASSERT_NE(repeats, categories.end());
+  EXPECT_GT(repeats->usd, 0);
+}
+
+TEST(MeterEngineTest, SessionsOfOneIdAreReadInTheOrderOfTheirProjects) {
+  Tree tree;
+  // The same request in two projects counts once, in the project read first.
+  tree.main("-a-first", "x", {assistant("R", "claude-opus-4-5", {.output = 1'000}, at(0))});
+  tree.main("-b-second", "x", {assistant("R", "claude-haiku-4-5", {.output = 1'000}, at(0)),
+                               assistant("S", "claude-haiku-4-5", {.output = 1'000}, at(1))});
+  // A chat whose top-level file is gone still counts when it has turns.
+  tree.subagent("-b-second", "y", "agent-1", {assistant("T", "claude-haiku-4-5", {.output = 1'000}, at(2))});
+  const Receipt r = tree.run();
+  EXPECT_EQ(r.totals.sessions, 3);
+  EXPECT_EQ(r.totals.turns, 3);
+  ASSERT_EQ(r.by_model.size(), 2u);
+  EXPECT_EQ(r.by_model[0].model, "claude-opus-4-5");
+  EXPECT_EQ(r.by_model[0].turns, 1);
+  EXPECT_EQ(r.by_model[1].turns, 2);
+  EXPECT_EQ(r.flags.duplicate_request_id_lines_skipped, 1);
+  EXPECT_EQ(r.flags.subagent_turns, 1);
 }
 
 }  // namespace

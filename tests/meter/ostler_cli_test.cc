@@ -56,7 +56,7 @@ TEST(OstlerCliTest, UsageErrorsPrintOneLineAndTheUsageAndExit2) {
 TEST(OstlerCliTest, NothingToReadIsSaidInOneLine) {
   MeterOptions nothing;
   nothing.root = "/nowhere";
-  const auto empty = linesOf(renderPlainTextReceipt(MeterEngine::run(nothing)), "Generated ");
+  const auto empty = linesOf(renderPlainTextReceipt(MeterEngine::run(systemFileSystem(), nothing)), "Generated ");
   TempDir dir;
   const std::string missing = (dir.path() / "nowhere").string();
   std::filesystem::create_directories(dir.path() / "with" / ".claude" / "projects");

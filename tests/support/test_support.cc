@@ -1,5 +1,7 @@
 #include "support/test_support.h"
 
+#include "support/fake_file_system.h"
+
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -55,6 +57,14 @@ std::vector<std::string> linesOf(const std::string& text, const std::string& ski
     if (skipPrefix.empty() || line.rfind(skipPrefix, 0) != 0) out.push_back(line);
   return out;
 }
+
+void copyTree(const std::filesystem::path& from, FakeFileSystem& fs, const std::string& to) {
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(from))
+    if (entry.is_regular_file())
+      fs.put(to + "/" + entry.path().lexically_relative(from).string(), readFile(entry.path()));
+}
+
+std::filesystem::path sourceDir() { return std::filesystem::path(OSTLER_SOURCE_DIR); }
 
 std::filesystem::path sharedDir() { return std::filesystem::path(OSTLER_SHARED_DIR); }
 

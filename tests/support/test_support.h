@@ -8,6 +8,8 @@
 
 namespace ostler::testing {
 
+class FakeFileSystem;
+
 // A fresh folder, removed with everything in it when the object goes.
 class TempDir {
  public:
@@ -33,6 +35,12 @@ void appendFile(const std::filesystem::path& path, const std::string& contents);
 // that begin with it are left out (a receipt's "Generated " line, which
 // differs from run to run).
 [[nodiscard]] std::vector<std::string> linesOf(const std::string& text, const std::string& skipPrefix = "");
+
+// Puts every file below `from`, on disk, into `fs` below `to`.
+void copyTree(const std::filesystem::path& from, FakeFileSystem& fs, const std::string& to);
+
+// The repository's own folder.
+[[nodiscard]] std::filesystem::path sourceDir();
 
 // The shared fixtures folder beside the checkout, and whether it is there.
 [[nodiscard]] std::filesystem::path sharedDir();

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "meter/iso8601.h"
 #include "meter/meter_engine.h"
+#include "transcript/iso8601.h"
 #include "support/fake_clock.h"
 #include "support/test_support.h"
 
@@ -126,9 +126,9 @@ class Tree {
     return o;
   }
   [[nodiscard]] Receipt run() const { return run(options()); }
-  [[nodiscard]] Receipt run(const MeterOptions& o) const { return MeterEngine::run(o, nullptr, clock_); }
+  [[nodiscard]] Receipt run(const MeterOptions& o) const { return MeterEngine::run(systemFileSystem(), o, nullptr, clock_); }
   [[nodiscard]] MeterRun runWithLoopDetail() const {
-    return MeterEngine::runWithLoopDetail(options(), nullptr, clock_);
+    return MeterEngine::runWithLoopDetail(systemFileSystem(), options(), nullptr, clock_);
   }
 
  private:
