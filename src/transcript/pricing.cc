@@ -1,9 +1,7 @@
 #include "transcript/pricing.h"
 
 #include <cmath>
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 namespace ostler {
 
@@ -25,13 +23,11 @@ const PricingTable& PricingTable::defaultTable() {
   return table;
 }
 
-Result<PricingTable> PricingTable::load(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return Error{"cannot read " + path};
-  std::stringstream text;
-  text << in.rdbuf();
+Result<PricingTable> PricingTable::load(FileSystem& fs, const std::string& path) {
+  auto text = readWholeFile(fs, path);
+  if (!text) return text.error();
   try {
-    auto j = nlohmann::json::parse(text.str());
+    auto j = nlohmann::json::parse(text.value());
     PricingTable t;
     t.note = j.at("note").get<std::string>();
     // A list of rates would iterate too, keyed by index; the rates are a map.

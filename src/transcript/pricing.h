@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "platform/file_system.h"
 #include "platform/result.h"
 
 namespace ostler {
@@ -49,7 +50,7 @@ struct PricingTable {
 
   // Reads a table from a JSON file: {"rates": {prefix: {input, output,
   // cacheRead, write5m, write1h}}, "note": "..."}; every key is required.
-  [[nodiscard]] static Result<PricingTable> load(const std::string& path);
+  [[nodiscard]] static Result<PricingTable> load(FileSystem& fs, const std::string& path);
 
   struct Match {
     std::string_view prefix;

@@ -103,7 +103,7 @@ TEST(GatheredLinesTest, FoldingGatheredLinesEqualsReadingTheTree) {
   expectSameReading(readTree(fs, &gathered), read);
 
   // A file that grew since it was gathered is read from disk, whole.
-  fs.append(keys, "\n" + testing::turnLine("2026-03-10T11:30:00.000Z", "req-late", {.input = 5, .output = 9}) + "\n");
+  fs.append(keys, jsonl({"", testing::turnLine("2026-03-10T11:30:00.000Z", "req-late", {.input = 5, .output = 9})}));
   EXPECT_FALSE(gathered.serve(keys, static_cast<int64_t>(fs.bytes(keys)->size())));
   expectSameReading(readTree(fs, &gathered), readTree(fs, nullptr));
 }

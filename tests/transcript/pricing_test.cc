@@ -114,7 +114,7 @@ TEST(PricingTest, LoadRequiresEveryKey) {
   const auto good = dir.path() / "good.json";
   testing::writeFile(good, R"({"note": "house rates", "rates": {
       "acme-": {"input": 1.5, "output": 2, "cacheRead": 0.1, "write5m": 1.75, "write1h": 3}}})");
-  auto table = PricingTable::load(good.string());
+  auto table = PricingTable::load(systemFileSystem(), good.string());
   ASSERT_TRUE(table.ok()) << table.error().message;
   EXPECT_EQ(table.value().note, "house rates");
   EXPECT_EQ(table.value().match("acme-9")->rate, (PricingRate{1.5, 2, 0.1, 1.75, 3}));
@@ -132,9 +132,9 @@ TEST(PricingTest, LoadRequiresEveryKey) {
   for (size_t i = 0; i < bad.size(); ++i) {
     const auto path = dir.path() / ("bad" + std::to_string(i) + ".json");
     testing::writeFile(path, bad[i]);
-    EXPECT_FALSE(PricingTable::load(path.string()).ok()) << bad[i];
+    EXPECT_FALSE(PricingTable::load(systemFileSystem(), path.string()).ok()) << bad[i];
   }
-  EXPECT_FALSE(PricingTable::load((dir.path() / "missing.json").string()).ok());
+  EXPECT_FALSE(PricingTable::load(systemFileSystem(), (dir.path() / "missing.json").string()).ok());
 }
 
 }  // namespace

@@ -29,7 +29,7 @@
 #include "daemon/loop/odometer.h"
 #include "daemon/engine/shutdown_signal_source.h"
 #include "daemon/loop/tick_state.h"
-#include "meter/meter_options.h"
+#include "meter/meter_engine.h"
 #include "platform/clock.h"
 #include "platform/hid_idle_source.h"
 
