@@ -2,28 +2,22 @@
 
 #include "meter/meter_line.h"
 #include "meter/repeat_pipelines.h"
+#include "transcript/request_runs.h"
 
 namespace ostler {
 
 void BashOccurrences::beginFile() {
-  current_.reset();
-  currentIsRepeat_ = false;
+  openRequest_.reset();
+  openIsRepeat_ = false;
 }
 
 void BashOccurrences::count(const std::vector<BashScanLine>& lines) {
   for (const BashScanLine& line : lines) {
     if (!bounds_.contains(line.timestamp, line.instant)) continue;
     // Only lines that make or continue a turn count, as pass two decides.
-    if (!line.requestId || line.requestId->empty()) {
-      current_.reset();
-      currentIsRepeat_ = false;
-    } else if (current_ && *current_ == *line.requestId) {
-      if (currentIsRepeat_) continue;
-    } else {
-      current_ = std::string(*line.requestId);
-      currentIsRepeat_ = !seen_.insert(*current_);
-      if (currentIsRepeat_) continue;
-    }
+    const std::string_view id = line.requestId.value_or(std::string_view{});
+    if (!RequestRuns::continues(openRequest_, id)) (void)RequestRuns::start(openRequest_, openIsRepeat_, id, seen_);
+    if (openIsRepeat_) continue;
     for (uint64_t hash : line.templateHashes) {
       occurrences_[hash].push_back(counter_);
       agg_.r2TemplateForIndex.push_back(hash);

@@ -47,8 +47,8 @@ class BashOccurrences {
   std::unordered_map<uint64_t, std::vector<int64_t>> occurrences_;
   IdSet seen_;
   int64_t counter_ = 0;
-  std::optional<std::string> current_;  // the file's open request
-  bool currentIsRepeat_ = false;
+  std::optional<std::string> openRequest_;  // the file's
+  bool openIsRepeat_ = false;
 };
 
 // Pass one as a fold of a tree reading: it reads assistant lines only, and

@@ -210,11 +210,7 @@ struct GlobalAggregator {
   int64_t bashCounter = 0;
   std::unordered_map<uint64_t, double> r2TemplateAttributed;
 
-  // The last model priced and its rate: consecutive lines nearly always
-  // share a model, and matching walks the whole table.
-  std::string lastResolvedModel;
-  ResolvedRate lastResolvedRate;
-  bool hasLastResolved = false;
+  ModelRateCache rates;
 
   std::vector<MediaLoopCandidate> mediaLoopCandidates;
   TopK<ReceiptTopSession, TopSessionBefore> topSessions;

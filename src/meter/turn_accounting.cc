@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "transcript/request_runs.h"
 #include "transcript/text.h"
 
 namespace ostler {
@@ -16,13 +17,9 @@ void updateSessionSpan(SessionState& state, const std::optional<std::string_view
 }
 
 ResolvedRate resolveNoting(const std::string& model, const MeterOptions& options, GlobalAggregator& agg) {
-  if (!agg.hasLastResolved || agg.lastResolvedModel != model) {
-    agg.lastResolvedRate = resolveRate(model, options.pricing);
-    agg.lastResolvedModel = model;
-    agg.hasLastResolved = true;
-    if (agg.lastResolvedRate.isUnknown) agg.unknownModels.insert(model);
-  }
-  return agg.lastResolvedRate;
+  const ResolvedRate& resolved = agg.rates.resolve(model, options.pricing);
+  if (agg.rates.changed() && resolved.isUnknown) agg.unknownModels.insert(model);
+  return resolved;
 }
 
 void addSwitchTax(const MeterLine& line, const std::string& model, const TurnUsage& u, const PricingRate& r,
@@ -85,15 +82,8 @@ void SessionState::resetForFile() {
 
 void dispatchAssistantLine(const MeterLine& line, SessionState& state, bool isSubagentFile,
                            const MeterOptions& options, GlobalAggregator& agg) {
-  if (!line.requestId || line.requestId->empty()) {
-    closeOpenGroup(state, options, agg);
-    agg.linesWithoutRequestId += 1;
-    beginGroup(line, std::nullopt, state, isSubagentFile, options, agg);
-    closeOpenGroup(state, options, agg);
-    return;
-  }
-  const std::string_view id = *line.requestId;
-  if (state.openRequestId && *state.openRequestId == id) {
+  const std::string_view id = line.requestId.value_or(std::string_view{});
+  if (RequestRuns::continues(state.openRequestId, id)) {
     if (state.openIsDuplicate)
       recordRealFactsFromDuplicateLine(line, state);
     else if (state.openTurnIndex)
@@ -101,15 +91,21 @@ void dispatchAssistantLine(const MeterLine& line, SessionState& state, bool isSu
     return;
   }
   closeOpenGroup(state, options, agg);
-  if (!agg.seenRequestIds.insert(id)) {
-    state.openRequestId = std::string(id);
-    state.openIsDuplicate = true;
-    state.openTurnIndex.reset();
-    agg.duplicateRequestGroupLines += 1;
-    recordRealFactsFromDuplicateLine(line, state);
-    return;
+  switch (RequestRuns::start(state.openRequestId, state.openIsDuplicate, id, agg.seenRequestIds)) {
+    case RequestRuns::Start::kAlone:
+      agg.linesWithoutRequestId += 1;
+      beginGroup(line, std::nullopt, state, isSubagentFile, options, agg);
+      closeOpenGroup(state, options, agg);
+      return;
+    case RequestRuns::Start::kRepeat:
+      state.openTurnIndex.reset();
+      agg.duplicateRequestGroupLines += 1;
+      recordRealFactsFromDuplicateLine(line, state);
+      return;
+    case RequestRuns::Start::kNew:
+      beginGroup(line, id, state, isSubagentFile, options, agg);
+      return;
   }
-  beginGroup(line, id, state, isSubagentFile, options, agg);
 }
 
 void beginGroup(const MeterLine& line, const std::optional<std::string_view>& requestId, SessionState& state,

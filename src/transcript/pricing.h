@@ -65,6 +65,31 @@ struct PricingTable {
 
 [[nodiscard]] ResolvedRate resolveRate(std::string_view model, const PricingTable& table);
 
+// The rate of the model priced last, kept for the next: consecutive lines
+// nearly always share a model, and matching walks the whole table. One per
+// reader; every call must pass the same table.
+class ModelRateCache {
+ public:
+  // The rate of `model`; `changed()` then tells whether `model` differs from
+  // the one asked for before.
+  [[nodiscard]] const ResolvedRate& resolve(std::string_view model, const PricingTable& table) {
+    changed_ = !has_ || model != model_;
+    if (changed_) {
+      model_.assign(model);
+      rate_ = resolveRate(model, table);
+      has_ = true;
+    }
+    return rate_;
+  }
+  [[nodiscard]] bool changed() const { return changed_; }
+
+ private:
+  std::string model_;
+  ResolvedRate rate_;
+  bool has_ = false;
+  bool changed_ = false;
+};
+
 namespace CostMath {
 
 struct W1Composition {

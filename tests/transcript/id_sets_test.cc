@@ -1,5 +1,6 @@
 #include "transcript/id_set.h"
 #include "transcript/request_id_set.h"
+#include "transcript/request_runs.h"
 
 #include <gtest/gtest.h>
 
@@ -54,6 +55,32 @@ TEST(IdSetTest, CountsDistinctIdsThroughGrowth) {
   EXPECT_FALSE(set.contains(""));
   EXPECT_TRUE(set.insert(""));
   EXPECT_TRUE(set.contains(""));
+}
+
+// Lines of two files, by request id, and what each starts: runs of one id
+// are one request, an id counted in any earlier run is a repeat, and a line
+// without an id stands alone and ends the run before it.
+TEST(RequestRunsTest, ARunOfOneIdIsOneRequestAndAnIdCountedBeforeIsARepeat) {
+  IdSet seen;
+  const auto steps = [&seen](std::vector<std::string_view> ids) {
+    std::optional<std::string> open;
+    bool isRepeat = false;
+    std::string out;
+    for (std::string_view id : ids) {
+      if (RequestRuns::continues(open, id)) {
+        out += isRepeat ? 'r' : '.';
+        continue;
+      }
+      switch (RequestRuns::start(open, isRepeat, id, seen)) {
+        case RequestRuns::Start::kAlone: out += '0'; break;
+        case RequestRuns::Start::kNew: out += 'N'; break;
+        case RequestRuns::Start::kRepeat: out += 'R'; break;
+      }
+    }
+    return out;
+  };
+  EXPECT_EQ(steps({"a", "a", "b", "", "", "b", "c", "c"}), "N.N00RN.");
+  EXPECT_EQ(steps({"c", "c", "d", "a"}), "Rr" "NR");  // a second file: its copies of earlier requests are repeats
 }
 
 }  // namespace

@@ -282,9 +282,8 @@ class LiveEngine {
   RawTranscriptLine rawLine_;
   StringArena lineStrings_{4096};  // the strings of the line being folded
   std::optional<std::string> requestIdScratch_;
-  std::optional<std::string> pricedModel_;  // the model last priced, with its rate and family
-  PricingRate pricedRate_;
-  std::optional<std::string> pricedFamily_;
+  ModelRateCache rates_;
+  std::optional<std::string> pricedFamily_;  // of the model last priced
 
   // Reading.
   std::unique_ptr<FileSizeSource> fileSizes_ = makeFileSizes(fs_);

@@ -10,6 +10,7 @@
 #include "daemon/engine/live_engine.h"
 #include "daemon/windows/resets_phrase.h"
 #include "daemon/engine/today_share.h"
+#include "transcript/request_runs.h"
 #include "transcript/text.h"
 
 namespace ostler {
@@ -27,13 +28,8 @@ void LiveEngine::processAssistant(const LiveLine& line, SessionLiveState& sessio
                                   InstantMs now) {
   const std::string_view model = line.model;
   const TurnUsage usage = line.usage;
-  // Lines of one chat keep to one model for long runs: it is priced once.
-  if (!pricedModel_ || *pricedModel_ != model) {
-    pricedModel_.emplace(model);
-    pricedRate_ = resolveRate(model, pricing_).rate;
-    pricedFamily_ = TodayShare::modelFamily(model);
-  }
-  const PricingRate rate = pricedRate_;
+  const PricingRate rate = rates_.resolve(model, pricing_).rate;
+  if (rates_.changed()) pricedFamily_ = TodayShare::modelFamily(model);
   const double cost = CostMath::totalCost(usage, rate);
   const int64_t context = CostMath::context(usage);
   const int64_t total = tokenTotal(usage);
@@ -86,7 +82,6 @@ void LiveEngine::foldRequest(const std::optional<std::string>& requestId, double
                              FileMediaState& media) {
   const int64_t total = tokenTotal(usage);
   const bool hasTokens = total != 0;
-  const bool isNew = !requestId || !media.openRequestId || *requestId != *media.openRequestId;
   bool isDuplicate = false;
   bool turnCounted = media.openTurnCounted;
 
@@ -95,13 +90,14 @@ void LiveEngine::foldRequest(const std::optional<std::string>& requestId, double
     if (f) todayTokensByFamily_[*f] += tokens;
   };
 
-  if (isNew && requestId && !seenRequestIds_.insert(*requestId)) {
-    recordExclusion(ExclusionReason::kDedupRefusal, cost);
-    isDuplicate = true;
+  const std::string_view id = requestId ? std::string_view(*requestId) : std::string_view{};
+  if (!RequestRuns::continues(media.openRequestId, id)) {
     turnCounted = false;
-  } else if (isNew) {
-    turnCounted = false;
-    if (countsForToday) {
+    if (RequestRuns::start(media.openRequestId, media.openIsDuplicate, id, seenRequestIds_) ==
+        RequestRuns::Start::kRepeat) {
+      recordExclusion(ExclusionReason::kDedupRefusal, cost);
+      isDuplicate = true;
+    } else if (countsForToday) {
       countToday(cost);
       if (hasTokens) {
         todayTurns_ += 1;
@@ -144,7 +140,6 @@ void LiveEngine::foldRequest(const std::optional<std::string>& requestId, double
     if (hasTokens) addBurn(ts, delta, tokenDelta, family);
   }
 
-  media.openRequestId = requestId;
   media.openCostUSD = cost;
   media.openContextTokens = CostMath::context(usage);
   media.openOutputTokens = usage.output;

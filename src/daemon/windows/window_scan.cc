@@ -14,6 +14,7 @@
 #include "daemon/windows/wall_learner.h"
 #include "transcript/byte_search.h"
 #include "transcript/id_set.h"
+#include "transcript/request_runs.h"
 #include "transcript/session_discovery.h"
 #include "transcript/tail_reader.h"
 #include "transcript/text.h"
@@ -25,67 +26,56 @@ constexpr double kClusterGapSeconds = 120.0;
 
 int64_t tokenSum(const TurnUsage& u) { return u.input + u.output + u.cacheRead + u.cache5m + u.cache1h; }
 
-// The open request of one file.
-struct Group {
-  std::string requestId;
-  InstantMs timestamp = 0;
-  std::string model;
-  TurnUsage usage;
-  bool refused = false;
-};
-
+// One file's requests, each one burn event at its last line.
 class FileFold {
  public:
   FileFold(const PricingTable& pricing, IdSet& seen, std::vector<BurnEvent>& out)
       : pricing_(pricing), seen_(seen), out_(out) {}
 
   void add(std::string_view requestId, InstantMs ts, std::string_view model, const TurnUsage& usage) {
-    if (!requestId.empty() && hasOpen_ && open_.requestId == requestId) {
-      if (open_.refused) return;
-      open_.timestamp = ts;
-      open_.model.assign(model);
-      open_.usage = usage;
-      return;
+    if (!RequestRuns::continues(openId_, requestId)) {
+      flush();
+      if (RequestRuns::start(openId_, openIsRepeat_, requestId, seen_) == RequestRuns::Start::kAlone) {
+        emit(ts, model, usage);
+        return;
+      }
+      hasOpen_ = true;
     }
-    flush();
-    if (requestId.empty()) {
-      emit(ts, model, usage);
-      return;
-    }
-    open_.requestId.assign(requestId);
+    if (openIsRepeat_) return;
     open_.timestamp = ts;
     open_.model.assign(model);
     open_.usage = usage;
-    open_.refused = !seen_.insert(open_.requestId);
-    hasOpen_ = true;
   }
 
+  // The open request is done: the file ended, or another began.
   void flush() {
-    if (hasOpen_ && !open_.refused) emit(open_.timestamp, open_.model, open_.usage);
+    if (hasOpen_ && !openIsRepeat_) emit(open_.timestamp, open_.model, open_.usage);
     hasOpen_ = false;
   }
 
  private:
+  // The last line of the open request so far.
+  struct LastLine {
+    InstantMs timestamp = 0;
+    std::string model;
+    TurnUsage usage;
+  };
+
   void emit(InstantMs ts, std::string_view model, const TurnUsage& usage) {
-    // A file keeps to one model for long runs: its rate is looked up once.
-    if (!hasPriced_ || model != pricedModel_) {
-      pricedModel_.assign(model);
-      pricedRate_ = resolveRate(model, pricing_).rate;
-      pricedIsFable_ = TodayShare::modelFamily(model) == "fable";
-      hasPriced_ = true;
-    }
-    out_.push_back({ts, CostMath::totalCost(usage, pricedRate_), pricedIsFable_, tokenSum(usage)});
+    const PricingRate& rate = rates_.resolve(model, pricing_).rate;
+    if (rates_.changed()) isFable_ = TodayShare::modelFamily(model) == "fable";
+    out_.push_back({ts, CostMath::totalCost(usage, rate), isFable_, tokenSum(usage)});
   }
 
   const PricingTable& pricing_;
+  ModelRateCache rates_;
+  bool isFable_ = false;
   IdSet& seen_;
   std::vector<BurnEvent>& out_;
-  Group open_;
+  std::optional<std::string> openId_;
+  bool openIsRepeat_ = false;
   bool hasOpen_ = false;
-  std::string pricedModel_;
-  PricingRate pricedRate_;
-  bool pricedIsFable_ = false;
-  bool hasPriced_ = false;
+  LastLine open_;
 };
 
 // The events in time order, as indices into `events`, so that each window
