@@ -131,7 +131,7 @@ int runFeed(const std::string& path) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  ostler::returnFreedMemoryPromptly();
+  ostler::keepFreedMemoryForReuse();
   CLI::App app{"ostler: what your Claude Code chats cost"};
   app.require_subcommand(1);
   ReceiptFlags flags;

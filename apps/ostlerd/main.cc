@@ -13,6 +13,7 @@
 #include "daemon/engine/shutdown_signal_source.h"
 #include "daemon/loop/daemon.h"
 #include "daemon/loop/daemon_options.h"
+#include "platform/memory.h"
 #include "platform/process.h"
 #include "platform/threads.h"
 
@@ -30,6 +31,7 @@ class SignalShutdownSource final : public ostler::ShutdownSignalSource {
 }  // namespace
 
 int main(int argc, char** argv) {
+  ostler::keepFreedMemoryForReuse();
   const ostler::DaemonDefaults::Environment env = ostler::DaemonDefaults::fromProcess();
   std::string root = ostler::DaemonDefaults::transcriptRoot(env);
   std::string feed = ostler::DaemonDefaults::kFeedPath;

@@ -1,18 +1,17 @@
-// How the process hands freed memory back to the operating system.
+// How the process uses memory it has freed.
 #pragma once
 
 namespace ostler {
 
-// Asks the allocator to return freed memory promptly rather than keep it
-// for reuse. A metering pass frees the state of each session as it goes, so
-// without this its resident size would creep up with the length of the
-// history instead of staying at the size of the largest session. Call once,
-// early in main.
-void returnFreedMemoryPromptly();
+// Keeps freed memory for reuse rather than handing it back to the system at
+// once. A reading of a tree frees and takes again buffers of megabytes, slice
+// after slice; handed back, each would be faulted in again, and on a virtual
+// machine the kernel's share of a reading grows by half. Call once, early in
+// main; a long-lived process returns what it holds after each burst of work
+// with `releaseFreedMemory`.
+void keepFreedMemoryForReuse();
 
-// Hands the memory freed so far back to the system, once. For a long-lived
-// process after a burst of work: unlike the standing policy above, it costs
-// nothing on the allocations that follow.
+// Hands the memory freed so far back to the system, once.
 void releaseFreedMemory();
 
 }  // namespace ostler

@@ -3,7 +3,7 @@
 namespace ostler {
 
 // Other allocators return freed memory on their own terms.
-void returnFreedMemoryPromptly() {}
+void keepFreedMemoryForReuse() {}
 void releaseFreedMemory() {}
 
 }  // namespace ostler

@@ -4,10 +4,14 @@
 
 namespace ostler {
 
-void returnFreedMemoryPromptly() {
-  // glibc keeps up to M_TRIM_THRESHOLD of free memory at the top of each
-  // heap; the default grows with the largest block ever freed.
-  mallopt(M_TRIM_THRESHOLD, 128 * 1024);
+void keepFreedMemoryForReuse() {
+  // glibc serves blocks above M_MMAP_THRESHOLD with mmap and unmaps them on
+  // free, and trims the top of a heap past M_TRIM_THRESHOLD; both are raised
+  // past any buffer a reading makes. M_TOP_PAD grows the heap in steps of a
+  // few megabytes rather than page by page.
+  mallopt(M_MMAP_THRESHOLD, 64 << 20);
+  mallopt(M_TRIM_THRESHOLD, 256 << 20);
+  mallopt(M_TOP_PAD, 16 << 20);
 }
 
 void releaseFreedMemory() { malloc_trim(0); }

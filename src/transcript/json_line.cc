@@ -191,7 +191,20 @@ JsonLineParser::JsonLineParser() {
   [[maybe_unused]] simdjson::error_code error = parser_.allocate(4096, kMaxContainerDepth + 1);
 }
 
+// The parser's buffers grow to hold the longest line parsed; left to itself
+// it would grow to each longer line exactly, handing the old buffers back to
+// the system and faulting new ones in, line after line of a file whose lines
+// grow. It grows by doubling instead.
+void JsonLineParser::reserve(size_t length) {
+  if (length <= parser_.capacity()) return;
+  size_t capacity = std::max<size_t>(parser_.capacity(), 4096);
+  while (capacity < length) capacity *= 2;
+  // Only fails when memory is exhausted; parsing then fails line by line.
+  [[maybe_unused]] simdjson::error_code error = parser_.allocate(capacity, kMaxContainerDepth + 1);
+}
+
 std::optional<simdjson::dom::object> JsonLineParser::parse(std::string_view line, bool padded) {
+  reserve(line.size());
   if (line.size() >= 3 && static_cast<unsigned char>(line[0]) == 0xEF &&
       static_cast<unsigned char>(line[1]) == 0xBB && static_cast<unsigned char>(line[2]) == 0xBF)
     line.remove_prefix(3);
@@ -211,6 +224,7 @@ std::optional<simdjson::dom::object> JsonLineParser::parse(std::string_view line
       changed = true;
     }
     if (!changed) return std::nullopt;
+    reserve(text.size());
     if (parser_.parse(text.data(), text.size(), true).get(root)) return std::nullopt;
   }
   if (tooDeep(parser_)) return std::nullopt;

@@ -36,6 +36,8 @@ class JsonLineParser {
   [[nodiscard]] std::optional<simdjson::dom::object> parse(std::string_view line, bool padded);
 
  private:
+  void reserve(size_t length);
+
   simdjson::dom::parser parser_;
   std::string scratch_;
   std::string repaired_;
