@@ -46,7 +46,7 @@ class BashScanFold::ScanSlice final : public TreeFold::Slice {
     if (raw.requestId) out.requestId = strings_.store(*raw.requestId);
     if (raw.timestamp) {
       out.timestamp = strings_.store(*raw.timestamp);
-      out.instant = ISO8601::parse(*raw.timestamp);
+      out.instant = raw.instant;
     }
     const auto* blocks = contentFor(raw, kMeterReading);
     if (blocks == nullptr) return;

@@ -11,9 +11,9 @@
 namespace ostler {
 namespace {
 
-// The first reading goes further ahead than the second through runs of
-// small files, so that a worker is not held up while the heavier folds work
-// through a large slice; both are bounded by the bytes of the slices ahead.
+// A shared reading goes further ahead through runs of small files, so that a
+// worker is not held up while the heavier folds work through a large slice;
+// every reading is bounded by the bytes of the slices ahead.
 constexpr size_t kFirstReadingWindow = 16;
 constexpr size_t kSecondReadingWindow = 6;
 
@@ -56,20 +56,23 @@ std::optional<std::vector<MeterRun>> runAll(FileSystem& fs, const std::vector<Me
   }
   for (auto& p : passes) counts.emplace_back(p.bounds, *p.agg);
 
-  // Pass one and pass two on one reading, pass two holding its sessions
-  // until pass one has counted the whole tree.
   BashScanFold passOne(counts, totalFiles, onProgress, clock);
   SessionProgress progress{onProgress, totalFiles, groups.size(), 0, ProgressThrottle(clock)};
+  // Alone, pass one reads assistant lines only, and pass two follows on a
+  // reading of its own; shared, pass two holds its sessions on the first
+  // reading until pass one has counted the whole tree.
+  const bool shared = !reading.alsoFold.empty();
   SessionFold passTwo(passes, SessionFold::Mode::kHold, reading.holdBytes, progress);
-  TreeReading first(fs, files, {.window = kFirstReadingWindow});
+  TreeReading first(fs, files, {.window = shared ? kFirstReadingWindow : kSecondReadingWindow});
   first.add(passOne);
-  first.add(passTwo);
+  if (shared) first.add(passTwo);
   for (TreeFold* fold : reading.alsoFold) first.add(*fold);
   if (!first.run(reading.stop)) return std::nullopt;
   passTwo.finalizeHeld();
 
-  // The sessions past the budget, on a reading of their own.
-  if (auto stoppedAt = passTwo.stoppedAtFile()) {
+  // The sessions not folded yet, on a reading of their own.
+  const std::optional<size_t> stoppedAt = shared ? passTwo.stoppedAtFile() : std::optional<size_t>(0);
+  if (stoppedAt) {
     SessionFold rest(passes, SessionFold::Mode::kFinalize, 0, progress);
     TreeReading second(fs, std::vector<TranscriptFile>(files.begin() + static_cast<std::ptrdiff_t>(*stoppedAt), files.end()),
                        {.window = kSecondReadingWindow});

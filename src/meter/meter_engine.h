@@ -2,9 +2,11 @@
 // API request into a Receipt. It runs two passes over the tree's lines, in
 // the same order: pass one numbers repeated shell commands over the whole
 // tree, pass two folds every line into its session and the session into the
-// receipt. Both come from one reading of the tree as far as the sessions
-// that wait for pass one fit a memory budget; the rest of a larger tree is
-// read a second time.
+// receipt. Alone, it reads the tree twice and holds one session at a time,
+// so its memory does not grow with the tree. Sharing its reading with the
+// folds of other readers, it folds both passes from that one reading,
+// holding each finished session until pass one has counted the whole tree,
+// as far as a memory budget allows; the rest of a larger tree is read again.
 //
 // Stateless: everything a pass accumulates lives in its own aggregator, so
 // passes may run at once. Reading and decoding run on worker threads; the
@@ -34,15 +36,15 @@ struct MeterRun {
 
 // How a run reads the tree.
 struct MeterReading {
-  // What the sessions that wait for pass one may hold; past it, the rest of
-  // the tree is folded on a second reading. About 64 MB holds the sessions
-  // of a 1 GB tree.
+  // Folds of other readers of the same tree, registered on the run's first
+  // reading, which then folds both passes: they get every file once, in
+  // metering order.
+  std::vector<TreeFold*> alsoFold = {};
+  // On a shared reading, what the sessions waiting for pass one may hold;
+  // past it, the rest of the tree is folded on a second reading. About 64 MB
+  // holds the sessions of a 1 GB tree.
   static constexpr uint64_t kDefaultHoldBytes = uint64_t{64} << 20;
   uint64_t holdBytes = kDefaultHoldBytes;
-  // Folds of other readers of the same tree, registered on the run's first
-  // reading, which reads every file once: they get the files in metering
-  // order, as the meter does.
-  std::vector<TreeFold*> alsoFold = {};
   // Ends the run early, between slices of the files.
   std::stop_token stop = {};
 };

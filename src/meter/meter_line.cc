@@ -95,7 +95,7 @@ void appendDigestLine(const RawTranscriptLine& line, int64_t lineNumber, FileDig
   if (line.cwd && !line.cwd->empty())
     m.cwd = previous && previous->cwd == *line.cwd ? previous->cwd : keep(*line.cwd);
   if (!line.type) return;
-  if (line.timestamp) m.instant = ISO8601::parse(*line.timestamp);
+  m.instant = line.instant;
   m.timestamp = keepOpt(line.timestamp);
 
   std::string_view type = *line.type;

@@ -54,8 +54,7 @@ SessionFold::SessionFold(std::vector<MeterPass>& passes, Mode mode, uint64_t hol
       holdBudgetBytes_(holdBudgetBytes),
       progress_(progress),
       held_(passes.size()),
-      turnsBefore_(passes.size()),
-      lastSessionIds_(passes.size()) {}
+      turnsBefore_(passes.size()) {}
 
 std::unique_ptr<TreeFold::Slice> SessionFold::startSlice(const TranscriptFile&, const FileSlice&) {
   if (!folding_.load(std::memory_order_acquire)) return nullptr;
@@ -93,15 +92,29 @@ void SessionFold::foldSlice(const TranscriptFile&, const FileSlice& slice, std::
   // A file that cannot be opened counts nothing, whatever later slices find.
   if (slice.index == 0) {
     opened_ = end.opened;
-    if (opened_)
-      for (size_t i = 0; i < passes_.size(); ++i) {
-        passes_[i].state.resetForFile();
-        lastSessionIds_[i].clear();
-      }
+    if (opened_) {
+      for (MeterPass& pass : passes_) pass.state.resetForFile();
+      lastSessionId_.clear();
+    }
   }
+  lastSessionIdAt_ = nullptr;  // the texts of an earlier slice are gone
   if (!share) return;
   const FileDigest& digest = static_cast<const DigestSlice&>(*share).digest;
   if (opened_) {
+    for (const MeterLine& line : digest.lines) {
+      // Ids and the project are noted from every line, in range or not.
+      if (line.kind == MeterLine::Kind::kSkipped || line.sessionId.empty()) continue;
+      if (line.sessionId.data() == lastSessionIdAt_ || line.sessionId == lastSessionId_) {
+        lastSessionIdAt_ = line.sessionId.data();
+        continue;
+      }
+      lastSessionId_.assign(line.sessionId);
+      lastSessionIdAt_ = line.sessionId.data();
+      for (MeterPass& pass : passes_) {
+        pass.state.sessionIdsSeen.emplace(lastSessionId_);
+        pass.agg->allSessionIds.insert(lastSessionId_);
+      }
+    }
     for (size_t i = 0; i < passes_.size(); ++i) {
       MeterPass& pass = passes_[i];
       SessionState& state = pass.state;
@@ -110,13 +123,6 @@ void SessionFold::foldSlice(const TranscriptFile&, const FileSlice& slice, std::
         if (line.kind == MeterLine::Kind::kSkipped) {
           agg.skippedLines += 1;
           continue;
-        }
-        // Ids and the project are noted from every line, in range or not;
-        // ids repeat line after line, and each run is noted once.
-        if (!line.sessionId.empty() && line.sessionId != lastSessionIds_[i]) {
-          lastSessionIds_[i] = std::string(line.sessionId);
-          state.sessionIdsSeen.emplace(lastSessionIds_[i]);
-          agg.allSessionIds.insert(lastSessionIds_[i]);
         }
         if (state.project.empty() && !line.cwd.empty())
           state.project = std::string(text::lastPathComponent(line.cwd));

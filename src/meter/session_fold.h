@@ -100,7 +100,11 @@ class SessionFold final : public TreeFold {
   bool isSubagent_ = false;
   std::string path_;
   std::vector<int64_t> turnsBefore_;
-  std::vector<std::string> lastSessionIds_;
+  // The session id of the run of lines being read: ids repeat line after
+  // line, and each run is noted once. Lines of one slice share the id's
+  // text, so a run is mostly told by where that text lies.
+  std::string lastSessionId_;
+  const char* lastSessionIdAt_ = nullptr;
 };
 
 // Reads and folds every file of a group, then attributes the session.

@@ -387,6 +387,7 @@ bool TranscriptLineDecoder::decode(std::string_view line, bool padded, RawTransc
   auto root = parser_->json.parse(line, padded);
   if (!root) return false;
   decodeLine(*root, *out, parser_->spareBlocks);
+  if (out->timestamp) out->instant = ISO8601::parse(*out->timestamp);
   return true;
 }
 

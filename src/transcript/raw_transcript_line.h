@@ -25,6 +25,7 @@
 #include <string_view>
 #include <vector>
 
+#include "transcript/iso8601.h"
 #include "transcript/pricing.h"
 
 namespace ostler {
@@ -163,6 +164,7 @@ struct RawCompactMetadata {
 struct RawTranscriptLine {
   std::optional<std::string_view> type;
   std::optional<std::string_view> timestamp;
+  std::optional<InstantMs> instant;  // the timestamp, parsed once for every reader; absent when it does not parse
   std::optional<std::string_view> sessionId;
   std::optional<std::string_view> cwd;
   std::optional<RawMessage> message;

@@ -159,12 +159,14 @@ TEST(RunAllTest, SharedReadingEqualsSeparateRuns) {
   }
   EXPECT_GT(together[0].receipt.totals.turns, together[1].receipt.totals.turns);
 
-  // However few of the sessions waiting for pass one the memory budget
-  // holds, the rest read again, the figures stay the same. Repeated
-  // commands are among them, and they are the figures the wait is for.
-  for (uint64_t holdBytes : {uint64_t{0}, uint64_t{40'000}, uint64_t{400'000}}) {
-    const std::vector<MeterRun> held =
-        *MeterEngine::runAll(systemFileSystem(), passes, nullptr, systemClock(), {.holdBytes = holdBytes});
+  // Sharing one reading with another fold, and however few of the sessions
+  // waiting for pass one the memory budget holds, the rest read again, the
+  // figures stay the same. Repeated commands are among them, and they are
+  // the figures the wait is for.
+  IdleFold other;
+  for (uint64_t holdBytes : {uint64_t{0}, uint64_t{40'000}, uint64_t{400'000}, MeterReading::kDefaultHoldBytes}) {
+    const std::vector<MeterRun> held = *MeterEngine::runAll(systemFileSystem(), passes, nullptr, systemClock(),
+                                                            {.alsoFold = {&other}, .holdBytes = holdBytes});
     for (size_t i = 0; i < passes.size(); ++i) {
       MeterRun r = held[i];
       r.receipt.generated_at = together[i].receipt.generated_at;

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "transcript/tree_reading.h"
+
 namespace ostler::testing {
 
 class FakeFileSystem;
@@ -35,6 +37,14 @@ void appendFile(const std::filesystem::path& path, const std::string& contents);
 // that begin with it are left out (a receipt's "Generated " line, which
 // differs from run to run).
 [[nodiscard]] std::vector<std::string> linesOf(const std::string& text, const std::string& skipPrefix = "");
+
+// A fold that reads every line and keeps nothing: registered beside the
+// meter, it makes the meter share its reading.
+class IdleFold final : public TreeFold {
+ public:
+  std::unique_ptr<Slice> startSlice(const TranscriptFile&, const FileSlice&) override { return nullptr; }
+  void foldSlice(const TranscriptFile&, const FileSlice&, std::unique_ptr<Slice>, const SliceEnd&) override {}
+};
 
 // Puts every file below `from`, on disk, into `fs` below `to`.
 void copyTree(const std::filesystem::path& from, FakeFileSystem& fs, const std::string& to);

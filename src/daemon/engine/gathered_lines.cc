@@ -25,8 +25,10 @@ void GatheredLines::SliceLines::line(const ReadLine& read) {
   Packed& out = lines_.emplace_back();
   out.decoded = read.decoded != nullptr && decodes(*read.decoded, kEngineReading);
   if (!out.decoded) return;
-  const LiveLine line = digestLiveLine(*read.decoded, strings_, {.cwd = !folderNamed_, .typedText = !chatNamed_});
+  const LiveLine line = digestLiveLine(*read.decoded, strings_, {.cwd = !folderNamed_, .typedText = !chatNamed_},
+                                      &lastAssistant_);
   pack(line, out);
+  if (line.type == LiveLine::Type::kAssistant) lastAssistant_ = line;
   if (!line.cwd.empty() && !text::lastPathComponent(line.cwd).empty()) folderNamed_ = true;
   if (line.typedText && surelyNamesChat(*line.typedText)) chatNamed_ = true;
 }
@@ -98,11 +100,15 @@ void GatheredLines::foldSlice(const TranscriptFile& file, const FileSlice&, std:
 }
 
 void GatheredLines::endFile(const TranscriptFile& file) {
+  bool awaited = false;
   {
     std::lock_guard lock(mutex_);
     files_[file.path].done = true;
+    for (const std::string* path : awaited_) awaited = awaited || *path == file.path;
   }
-  readCondition_.notify_all();
+  // Files end a thousand times a reading; only the one a reader waits for
+  // wakes it.
+  if (awaited) readCondition_.notify_all();
 }
 
 void GatheredLines::endReading(bool) {
@@ -129,7 +135,9 @@ std::optional<GatheredLines::Served> GatheredLines::serve(const std::string& pat
     std::unique_lock lock(mutex_);
     auto it = files_.find(path);
     while (!read_ && (it == files_.end() || !it->second.done)) {
+      awaited_.push_back(&path);
       readCondition_.wait(lock);
+      std::erase(awaited_, &path);
       it = files_.find(path);
     }
     if (it == files_.end() || !it->second.done) return std::nullopt;

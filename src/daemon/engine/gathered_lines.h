@@ -78,6 +78,7 @@ class GatheredLines final : public TreeFold {
     // read after it, so their folders, or their typed text, cannot matter.
     bool folderNamed_ = false;
     bool chatNamed_ = false;
+    LiveLine lastAssistant_;  // whose strings the next may share
   };
 
   // Gathers at most about `maxBytes`; files past that are left to disk.
@@ -144,7 +145,8 @@ class GatheredLines final : public TreeFold {
   size_t maxBytes_;
   // The lock guards the fields below it.
   mutable std::mutex mutex_;
-  mutable std::condition_variable readCondition_;  // a file is done, or the reading
+  mutable std::condition_variable readCondition_;  // the awaited file is done, or the reading
+  mutable std::vector<const std::string*> awaited_;  // the files readers wait for
   size_t bytes_ = 0;
   std::unordered_map<std::string, File> files_;  // nodes stay put as it grows
   bool read_ = false;

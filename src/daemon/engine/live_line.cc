@@ -22,18 +22,22 @@ std::string joinedBlockText(const RawTranscriptLine& raw) {
   return joined;
 }
 
-LiveLine digestLiveLine(const RawTranscriptLine& raw, StringArena& arena, LiveLineNeeds needs) {
+LiveLine digestLiveLine(const RawTranscriptLine& raw, StringArena& arena, LiveLineNeeds needs,
+                        const LiveLine* previous) {
   auto keep = [&arena](std::string_view s) { return arena.store(s); };
+  auto share = [&](std::string_view s, std::string_view earlier) { return s == earlier ? earlier : keep(s); };
   LiveLine out;
   if (needs.cwd && raw.cwd) out.cwd = keep(*raw.cwd);
   if (!raw.type) return out;
   const std::string_view type = *raw.type;
   if (type == "assistant") {
     out.type = LiveLine::Type::kAssistant;
-    if (raw.timestamp) out.instant = ISO8601::parse(*raw.timestamp);
-    if (raw.message && raw.message->model) out.model = keep(*raw.message->model);
+    out.instant = raw.instant;
+    if (raw.message && raw.message->model)
+      out.model = previous != nullptr ? share(*raw.message->model, previous->model) : keep(*raw.message->model);
     out.usage = turnUsageOf(raw);
-    if (raw.requestId) out.requestId = keep(*raw.requestId);
+    if (raw.requestId)
+      out.requestId = previous != nullptr ? share(*raw.requestId, previous->requestId) : keep(*raw.requestId);
     if (raw.isApiErrorMessage == true) {
       out.isApiErrorMessage = true;
       out.errorText = keep(joinedBlockText(raw));
@@ -49,7 +53,7 @@ LiveLine digestLiveLine(const RawTranscriptLine& raw, StringArena& arena, LiveLi
         if (block.source && block.source->data) out.imageTokens += block.source->dataCharacters / 4;
       }
     }
-    if (out.imageCount > 0 && raw.timestamp) out.instant = ISO8601::parse(*raw.timestamp);
+    if (out.imageCount > 0) out.instant = raw.instant;
     if (needs.typedText && raw.message && raw.message->contentText)
       out.typedText = keep(text::prefixCharacters(*raw.message->contentText, kTypedTextScanCharacters));
   } else if (type == "ai-title") {

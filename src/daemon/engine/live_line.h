@@ -69,8 +69,11 @@ struct LiveLineNeeds {
 
 // Digests `raw`, a line that decodes for the engine, copying its strings
 // into `arena`; typed text is cut to kTypedTextScanCharacters. What `needs`
-// leaves out stays empty.
-[[nodiscard]] LiveLine digestLiveLine(const RawTranscriptLine& raw, StringArena& arena, LiveLineNeeds needs = {});
+// leaves out stays empty. With `previous`, an earlier line digested into the
+// same arena, a model or request id equal to its own is shared, not copied:
+// the lines of one request, and of one chat's model, come in runs.
+[[nodiscard]] LiveLine digestLiveLine(const RawTranscriptLine& raw, StringArena& arena, LiveLineNeeds needs = {},
+                                      const LiveLine* previous = nullptr);
 
 // The `text` of the message's blocks, those without text left out, joined
 // by one space; empty when the content is no list the engine reads.
