@@ -1,5 +1,7 @@
 #include "transcript/iso8601.h"
 
+#include <cmath>
+
 #include <fmt/format.h>
 
 namespace ostler::ISO8601 {
@@ -120,3 +122,9 @@ std::string fractional(InstantMs t) { return format(t, true); }
 std::string whole(InstantMs t) { return format(t, false); }
 
 }  // namespace ostler::ISO8601
+
+namespace ostler::ReferenceSeconds {
+
+InstantMs instant(double seconds) { return static_cast<InstantMs>(std::llround(seconds * 1000.0)) + kEpochMs; }
+
+}  // namespace ostler::ReferenceSeconds

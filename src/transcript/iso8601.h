@@ -34,4 +34,16 @@ namespace ISO8601 {
 void civilFromDays(int64_t z, int64_t* y, unsigned* m, unsigned* d);
 
 }  // namespace ISO8601
+
+// Instants as the engine's own files keep them (its state, the closeout
+// stores, the sidecars): seconds since 2001-01-01 00:00:00 UTC, a number.
+namespace ReferenceSeconds {
+
+inline constexpr InstantMs kEpochMs = 978'307'200'000;
+
+[[nodiscard]] inline double of(InstantMs t) { return static_cast<double>(t - kEpochMs) / 1000.0; }
+// The instant of `seconds`, to the nearest millisecond.
+[[nodiscard]] InstantMs instant(double seconds);
+
+}  // namespace ReferenceSeconds
 }  // namespace ostler

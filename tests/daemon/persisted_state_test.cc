@@ -9,7 +9,6 @@
 #include <limits>
 #include <random>
 
-#include "daemon/feed/json_fields.h"
 #include "daemon/engine/live_engine.h"
 #include "daemon/state/persisted_state_codec.h"
 #include "line_builder.h"
@@ -92,7 +91,7 @@ const std::string kFullText =
 // and instants on both sides of 2001 and to the millisecond.
 PersistedState numbers() {
   constexpr int64_t kMax = std::numeric_limits<int64_t>::max(), kMin = std::numeric_limits<int64_t>::min();
-  constexpr InstantMs kEpoch = JsonFields::kReferenceEpochMs;
+  constexpr InstantMs kEpoch = ReferenceSeconds::kEpochMs;
   PersistedState s;
   s.newLinesSeen = kMax;
   s.newLinesSkipped = kMin;

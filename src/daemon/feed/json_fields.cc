@@ -80,23 +80,4 @@ std::optional<std::string> optionalString(const nlohmann::json& j, const char* k
   return asString(*v, key);
 }
 
-double referenceSeconds(InstantMs t) { return static_cast<double>(t - kReferenceEpochMs) / 1000.0; }
-
-InstantMs fromReferenceSeconds(double seconds) {
-  return static_cast<InstantMs>(std::llround(seconds * 1000.0)) + kReferenceEpochMs;
-}
-
-std::optional<InstantMs> optionalInstant(const nlohmann::json& j, const char* key) {
-  auto s = optionalDouble(j, key);
-  if (!s) return std::nullopt;
-  if (!std::isfinite(*s) || std::fabs(*s) > 1e14) fail(key, "not an instant");
-  return fromReferenceSeconds(*s);
-}
-
-InstantMs requireInstant(const nlohmann::json& j, const char* key) {
-  auto t = optionalInstant(j, key);
-  if (!t) fail(key, "missing");
-  return *t;
-}
-
 }  // namespace ostler::JsonFields

@@ -43,13 +43,5 @@ std::optional<double> optionalDouble(const nlohmann::json& j, const char* key);
 std::optional<bool> optionalBool(const nlohmann::json& j, const char* key);
 std::optional<std::string> optionalString(const nlohmann::json& j, const char* key);
 
-// Instants in the engine's files are seconds since 2001-01-01 00:00:00 UTC,
-// as a double.
-inline constexpr InstantMs kReferenceEpochMs = 978'307'200'000;
-[[nodiscard]] double referenceSeconds(InstantMs t);
-[[nodiscard]] InstantMs fromReferenceSeconds(double seconds);
-
-std::optional<InstantMs> optionalInstant(const nlohmann::json& j, const char* key);
-InstantMs requireInstant(const nlohmann::json& j, const char* key);
 
 }  // namespace ostler::JsonFields

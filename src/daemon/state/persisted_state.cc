@@ -58,8 +58,8 @@ Result<uint64_t> save(FileSystem& fs, const PersistedStateView& state, const std
 }
 
 std::optional<PersistedState> load(FileSystem& fs, const std::string& path, const std::string& expectedRoot) {
-  // A state file of a gigabyte is no state of ours.
-  auto text = readWholeFile(fs, path, uint64_t{1} << 30, PersistedStateCodec::kPadding);
+  // Saved states run to megabytes; one of hundreds is no state of ours.
+  auto text = readWholeFile(fs, path, uint64_t{256} << 20, PersistedStateCodec::kPadding);
   if (!text) return std::nullopt;
   const std::string_view bytes(text.value().data(), text.value().size() - PersistedStateCodec::kPadding);
   return PersistedStateCodec::decode(bytes, expectedRoot, /*padded=*/true);

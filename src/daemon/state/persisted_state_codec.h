@@ -1,10 +1,9 @@
-// The text of the saved engine state, written and read without building a
-// document tree: the file holds tens of thousands of request ids and burns,
-// and both directions sit on the path to the daemon's first feed.
-//
-// The layout is one compact JSON object. Every record's keys come in byte
-// order, optional keys are left out when unset, and instants are seconds
-// since 2001 as numbers.
+// The text of the saved engine state: one compact JSON object, every record's
+// keys in byte order, optional keys left out when unset, instants as seconds
+// since 2001. Both directions follow one description of each record (see
+// json_record.h); the file holds tens of thousands of request ids and burns,
+// and both directions sit on the path to the daemon's first feed, so the
+// text is written as it is encoded and read with a fast parser.
 #pragma once
 
 #include <functional>
