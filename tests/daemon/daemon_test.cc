@@ -4,13 +4,18 @@
 
 #include <gtest/gtest.h>
 
+#include <fmt/format.h>
+
 #include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <filesystem>
 #include <thread>
 
 #include "daemon/state/persisted_state.h"
 #include "line_builder.h"
 #include "support/fake_clock.h"
+#include "support/fake_file_system.h"
 #include "support/test_support.h"
 
 namespace ostler {
@@ -388,6 +393,43 @@ TEST(InitialPassTest, AShutdownWaitsForTheJobsAndLeavesNoFeed) {
   EXPECT_EQ(Daemon::runForever(h.options, again, h.services()), 0);
   EXPECT_EQ(readFile(h.options.feedPath), "previous");
   EXPECT_TRUE(PersistedStateIO::load(systemFileSystem(), h.options.scratchPath, h.options.root));
+}
+
+// A recompute still reading the tree when the process is asked to stop ends
+// within its reading, leaves the last figures standing, and is joined.
+TEST(RecomputeTest, AStopEndsARecomputeInFlightWithinItsReading) {
+  testing::FakeFileSystem fake;
+  constexpr int kFiles = 400;
+  for (int f = 0; f < kFiles; ++f)
+    fake.put(fmt::format("/r/-p/{}.jsonl", f),
+             jsonl({dollarTurn(kNow - 3'600'000, fmt::format("r{}", f)), testing::userTextLine("go on")}));
+  std::atomic<int> reads{0};
+  std::mutex mutex;
+  std::condition_variable tenth;
+  fake.onRead([&](const std::string&) {
+    if (++reads == 10) tenth.notify_all();
+  });
+  Harness h;
+  h.options.root = "/r";
+  ThreadQueue queue;
+  Daemon::Services services = h.services();
+  Daemon::Services withFake{fake,           services.clock, services.idle, services.closeoutStores,
+                            services.closeoutScheduler, services.names, services.macAi, queue,
+                            services.configFiles, nullptr};
+  LiveEngine engine(fake, h.options.pricing, "UTC");
+  auto state = std::make_shared<Daemon::TickState>();
+  const auto before = std::make_shared<const Odometer::Bundle>();
+  state->odometerBundle = before;
+  ASSERT_TRUE(Daemon::startOdometerRecomputeIfDue(engine, h.options, state, kNow, true, withFake));
+  {
+    std::unique_lock lock(mutex);
+    tenth.wait(lock, [&] { return reads >= 10; });
+  }
+  queue.stopAndWait();
+  EXPECT_LT(reads, kFiles);  // each file is read at least once by a whole recompute
+  std::lock_guard lock(state->stateLock);
+  EXPECT_FALSE(state->odometerInFlight);
+  EXPECT_EQ(state->odometerBundle, before);
 }
 
 TEST(InitialPassTest, FiguresOfEveryJobOnColdAndWarmStarts) {

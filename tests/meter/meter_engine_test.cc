@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "support/fake_file_system.h"
 #include "support/transcript_tree.h"
 
 namespace ostler {
@@ -137,36 +138,44 @@ TEST(MeterEngineTest, GeneratedTreesKeepThePartitionOfSpend) {
   }
 }
 
-// Passes sharing one reading give exactly what each gives on its own.
-TEST(RunAllTest, SharedReadingEqualsSeparateRuns) {
-  testing::TempDir dir;
-  if (!testing::generateTree(dir.path(), {"--seed", "5", "--sessions", "10", "--turns", "14", "--resume-rate", "0.3",
-                                           "--image-rate", "0.3", "--bad-rate", "0.02"}))
-    GTEST_SKIP() << "no transcript generator beside the checkout";
+// Passes sharing one reading give exactly what each gives on its own, and
+// a reading shared with another fold, which holds the sessions waiting for
+// pass one within a budget, gives what two readings give. The sample tree,
+// with a chat resumed into another project, has repeated commands, images,
+// a subagent and requests counted twice; repeated commands are the figures
+// the wait is for.
+TEST(RunAllTest, SharedReadingsEqualSeparateRuns) {
+  testing::FakeFileSystem fs;
+  const std::string root = "/home/ana/.claude/projects";
+  copyTree(sourceDir() / "samples" / "projects", fs, root);
+  const std::string chat = "3f2a9c1e-7b4d-4e8a-9c2f-1a6b5d8e0f31.jsonl";
+  fs.put(root + "/-home-ana-code-resumed/" + chat, *fs.bytes(root + "/-home-ana-code-webshop/" + chat));
   std::vector<MeterOptions> passes(3);
-  for (auto& p : passes) p.root = dir.str();
-  passes[1].since = "2026-11-05";
-  passes[1].until = "2026-11-12";
-  passes[2].sinceInstant = "2026-11-03T12:00:00.000Z";
-  passes[2].untilInstant = "2026-11-09T06:30:00Z";
-  const std::vector<MeterRun> together = *MeterEngine::runAll(systemFileSystem(), passes);
+  for (auto& p : passes) p.root = root;
+  passes[1].since = "2026-11-16";
+  passes[1].until = "2026-11-17";
+  passes[2].sinceInstant = "2026-11-16T09:00:00.000Z";
+  passes[2].untilInstant = "2026-11-18T12:00:00Z";
+  const std::vector<MeterRun> together = *MeterEngine::runAll(fs, passes);
   ASSERT_EQ(together.size(), passes.size());
   for (size_t i = 0; i < passes.size(); ++i) {
-    MeterRun alone = MeterEngine::runWithLoopDetail(systemFileSystem(), passes[i]);
+    MeterRun alone = MeterEngine::runWithLoopDetail(fs, passes[i]);
     alone.receipt.generated_at = together[i].receipt.generated_at;
     EXPECT_EQ(together[i].receipt, alone.receipt) << i;
     EXPECT_EQ(together[i].loopDetail, alone.loopDetail) << i;
   }
   EXPECT_GT(together[0].receipt.totals.turns, together[1].receipt.totals.turns);
+  EXPECT_GT(together[0].receipt.flags.duplicate_request_id_lines_skipped, 0);
+  const auto& categories = together[0].receipt.mac_first.categories;
+  const auto repeats = std::find_if(categories.begin(), categories.end(),
+                                    [](const ReceiptCategory& c) { return c.key == "repeat_pipelines"; });
+  ASSERT_NE(repeats, categories.end());
+  EXPECT_GT(repeats->usd, 0);
 
-  // Sharing one reading with another fold, and however few of the sessions
-  // waiting for pass one the memory budget holds, the rest read again, the
-  // figures stay the same. Repeated commands are among them, and they are
-  // the figures the wait is for.
   IdleFold other;
-  for (uint64_t holdBytes : {uint64_t{0}, uint64_t{40'000}, uint64_t{400'000}, MeterReading::kDefaultHoldBytes}) {
-    const std::vector<MeterRun> held = *MeterEngine::runAll(systemFileSystem(), passes, nullptr, systemClock(),
-                                                            {.alsoFold = {&other}, .holdBytes = holdBytes});
+  for (uint64_t holdBytes : {uint64_t{0}, uint64_t{10'000}, MeterReading::kDefaultHoldBytes}) {
+    const std::vector<MeterRun> held =
+        *MeterEngine::runAll(fs, passes, nullptr, systemClock(), {.alsoFold = {&other}, .holdBytes = holdBytes});
     for (size_t i = 0; i < passes.size(); ++i) {
       MeterRun r = held[i];
       r.receipt.generated_at = together[i].receipt.generated_at;
@@ -174,11 +183,6 @@ TEST(RunAllTest, SharedReadingEqualsSeparateRuns) {
       EXPECT_EQ(r.loopDetail, together[i].loopDetail) << i << " holding " << holdBytes;
     }
   }
-  const auto& categories = together[0].receipt.mac_first.categories;
-  const auto repeats = std::find_if(categories.begin(), categories.end(),
-                                    [](const ReceiptCategory& c) { return c.key == "repeat_pipelines"; });
-  ASSERT_NE(repeats, categories.end());
-  EXPECT_GT(repeats->usd, 0);
 }
 
 TEST(MeterEngineTest, SessionsOfOneIdAreReadInTheOrderOfTheirProjects) {

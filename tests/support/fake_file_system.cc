@@ -26,6 +26,7 @@ class FakeFileSystem::File final : public ReadableFile {
       : fs_(fs), path_(std::move(path)), bytes_(std::move(bytes)), size_(size), failFrom_(failFrom) {}
 
   Result<size_t> readAt(uint64_t offset, char* into, size_t n) override {
+    if (fs_.onRead_) fs_.onRead_(path_);
     std::lock_guard lock(fs_.mutex_);
     if (failFrom_ && offset + n > *failFrom_) return Error{"cannot read " + path_ + ": input/output error"};
     if (offset >= bytes_->size()) return size_t{0};
@@ -133,6 +134,8 @@ void FakeFileSystem::putSpecial(const std::string& path) {
   std::lock_guard lock(mutex_);
   touch(path, FileKind::kOther);
 }
+
+void FakeFileSystem::onRead(std::function<void(const std::string& path)> hook) { onRead_ = std::move(hook); }
 
 void FakeFileSystem::setModified(const std::string& path, int64_t modifiedNs) {
   std::lock_guard lock(mutex_);

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -31,6 +32,8 @@ class FakeFileSystem final : public FileSystem {
   void failReadsFrom(const std::string& path, uint64_t offset);  // a read reaching `offset` fails
   void putSpecial(const std::string& path);                      // neither file nor folder, a FIFO say
   void setModified(const std::string& path, int64_t modifiedNs);
+  // Called, outside the lock, before every read of every file.
+  void onRead(std::function<void(const std::string& path)> hook);
 
   // The seam.
   Result<std::unique_ptr<ReadableFile>> openForReading(const std::string& path) override;
@@ -57,6 +60,7 @@ class FakeFileSystem final : public FileSystem {
 
   mutable std::mutex mutex_;
   std::map<std::string, Node> nodes_;
+  std::function<void(const std::string&)> onRead_;
   uint64_t nextInode_ = 1;
   int64_t clockNs_ = 1'700'000'000'000'000'000;  // each change moves it on by a millisecond
 };

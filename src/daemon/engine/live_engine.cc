@@ -236,9 +236,10 @@ std::optional<InstantMs> LiveEngine::lastActivity(const std::string& sessionId) 
 std::map<std::string, int64_t> LiveEngine::freshWindowedTokensByFamily(FileSystem& fs, const std::string& root,
                                                                        const PricingTable& pricing, InstantMs now,
                                                                        const std::string& timeZoneId,
-                                                                       const GatheredLines* gathered) {
+                                                                       const GatheredLines* gathered,
+                                                                       const ShutdownSignalSource* stop) {
   LiveEngine engine(fs, pricing, timeZoneId);
-  (void)engine.poll(root, now, nullptr, gathered);
+  (void)engine.poll(root, now, stop, gathered);
   return engine.todayTokensByFamily_;
 }
 

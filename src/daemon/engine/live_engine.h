@@ -156,10 +156,12 @@ class LiveEngine {
   [[nodiscard]] std::optional<InstantMs> lastActivity(const std::string& sessionId) const;
 
   // Today's tokens by family from a fresh engine that reads the whole tree
-  // once, with no saved state behind it.
+  // once, with no saved state behind it; a stop ends its reading between
+  // files.
   [[nodiscard]] static std::map<std::string, int64_t> freshWindowedTokensByFamily(
       FileSystem& fs, const std::string& root, const PricingTable& pricing, InstantMs now,
-      const std::string& timeZoneId, const GatheredLines* gathered = nullptr);
+      const std::string& timeZoneId, const GatheredLines* gathered = nullptr,
+      const ShutdownSignalSource* stop = nullptr);
 
   // Persistence. The snapshot copies every saved field; restore replaces
   // them all and leaves `isDirty` as it was.

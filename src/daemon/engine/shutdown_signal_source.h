@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <stop_token>
 
 namespace ostler {
 
@@ -28,6 +29,16 @@ class FlagShutdownSignalSource final : public ShutdownSignalSource {
 
  private:
   std::atomic<bool> requested_{false};
+};
+
+// A stop asked for through a stop token, as the daemon's background work is.
+class StopTokenSignalSource final : public ShutdownSignalSource {
+ public:
+  explicit StopTokenSignalSource(std::stop_token stop) : stop_(std::move(stop)) {}
+  [[nodiscard]] bool isRequested() const override { return stop_.stop_requested(); }
+
+ private:
+  std::stop_token stop_;
 };
 
 }  // namespace ostler

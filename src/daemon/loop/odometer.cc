@@ -59,8 +59,8 @@ std::optional<Bundle> compute(FileSystem& fs, const std::string& root, const Pri
   if (computeWindowedTokensByFamily)
     jobs.push_back([&] {
       gathered.waitUntilRead();
-      if (!stop.stop_requested())
-        tokens = LiveEngine::freshWindowedTokensByFamily(fs, root, pricing, now, timeZoneId, &gathered);
+      const StopTokenSignalSource stopping(stop);
+      tokens = LiveEngine::freshWindowedTokensByFamily(fs, root, pricing, now, timeZoneId, &gathered, &stopping);
     });
   TaskGroup("ostler.odometer", std::move(jobs)).wait();
   if (!receipts || stop.stop_requested()) return std::nullopt;
