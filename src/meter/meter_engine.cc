@@ -42,7 +42,9 @@ std::optional<std::vector<MeterRun>> runAll(FileSystem& fs, const std::vector<Me
                                             const ProgressCallback& onProgress, const Clock& clock,
                                             const MeterReading& reading) {
   if (passList.empty()) return std::vector<MeterRun>{};
-  const std::vector<SessionGroup> groups = SessionDiscovery::discoverSessionGroups(fs, passList.front().root);
+  Unreadable unreadable;
+  const std::vector<SessionGroup> groups =
+      SessionDiscovery::discoverSessionGroups(fs, passList.front().root, &unreadable);
   const std::vector<TranscriptFile> files = SessionDiscovery::meteringOrder(groups);
   const auto totalFiles = static_cast<int64_t>(files.size());
 
@@ -68,6 +70,7 @@ std::optional<std::vector<MeterRun>> runAll(FileSystem& fs, const std::vector<Me
   if (shared) first.add(passTwo);
   for (TreeFold* fold : reading.alsoFold) first.add(*fold);
   if (!first.run(reading.stop)) return std::nullopt;
+  unreadable.add(first.unreadable());
   passTwo.finalizeHeld();
 
   // The sessions not folded yet, on a reading of their own.
@@ -78,12 +81,13 @@ std::optional<std::vector<MeterRun>> runAll(FileSystem& fs, const std::vector<Me
                        {.window = kSecondReadingWindow});
     second.add(rest);
     if (!second.run(reading.stop)) return std::nullopt;
+    unreadable.add(second.unreadable());
   }
 
   const std::string generatedAt = ISO8601::whole(clock.nowMs());
   std::vector<MeterRun> runs;
   for (size_t i = 0; i < passes.size(); ++i)
-    runs.push_back({buildReceipt(aggs[i], passList[i], generatedAt), loopDetail(aggs[i])});
+    runs.push_back({buildReceipt(aggs[i], passList[i], generatedAt), loopDetail(aggs[i]), unreadable});
   return runs;
 }
 

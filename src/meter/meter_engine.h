@@ -24,6 +24,7 @@
 #include "meter/receipt.h"
 #include "platform/clock.h"
 #include "platform/file_system.h"
+#include "transcript/unreadable.h"
 
 namespace ostler {
 
@@ -32,6 +33,9 @@ class TreeFold;
 struct MeterRun {
   Receipt receipt;
   std::vector<MediaLoopDetailRecord> loopDetail;  // every media loop, largest first
+  // The tree's files and folders that could not be read: passed over, and
+  // no part of the receipt.
+  Unreadable unreadable;
 };
 
 // How a run reads the tree.

@@ -251,7 +251,7 @@ struct GlobalAggregator {
     return k >= 0 && static_cast<size_t>(k) < r2QualifyingIndices.size() && r2QualifyingIndices[static_cast<size_t>(k)];
   }
   [[nodiscard]] int64_t tokensMetered() const {
-    return tokensInput + tokensOutput + tokensCacheRead + tokensCacheWrite;
+    return addTokens(addTokens(tokensInput, tokensOutput), addTokens(tokensCacheRead, tokensCacheWrite));
   }
 };
 

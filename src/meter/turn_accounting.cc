@@ -202,10 +202,10 @@ void beginGroup(const MeterLine& line, const std::optional<std::string_view>& re
   // 13-14. Totals.
   agg.totalTurns += 1;
   agg.totalSpent += cost;
-  agg.tokensInput += u.input;
-  agg.tokensOutput += u.output;
-  agg.tokensCacheRead += u.cacheRead;
-  agg.tokensCacheWrite += u.cache5m + u.cache1h;
+  agg.tokensInput = addTokens(agg.tokensInput, u.input);
+  agg.tokensOutput = addTokens(agg.tokensOutput, u.output);
+  agg.tokensCacheRead = addTokens(agg.tokensCacheRead, u.cacheRead);
+  agg.tokensCacheWrite = addTokens(agg.tokensCacheWrite, u.cache5m + u.cache1h);
   ModelTally& tally = agg.byModel[model];
   tally.turns += 1;
   tally.usd += cost;
@@ -276,10 +276,11 @@ void continueGroup(const MeterLine& line, int64_t t, SessionState& state, const 
   state.spentAtSonnet += sonnetDelta;
   state.unitSpentAtSonnet += sonnetDelta;
   agg.carriedContextReadUSD += newCarried - oldCarried;
-  agg.tokensInput += u.input - oldUsage.input;
-  agg.tokensOutput += u.output - oldUsage.output;
-  agg.tokensCacheRead += u.cacheRead - oldUsage.cacheRead;
-  agg.tokensCacheWrite += (u.cache5m + u.cache1h) - (oldUsage.cache5m + oldUsage.cache1h);
+  agg.tokensInput = addTokens(agg.tokensInput, u.input - oldUsage.input);
+  agg.tokensOutput = addTokens(agg.tokensOutput, u.output - oldUsage.output);
+  agg.tokensCacheRead = addTokens(agg.tokensCacheRead, u.cacheRead - oldUsage.cacheRead);
+  agg.tokensCacheWrite =
+      addTokens(agg.tokensCacheWrite, (u.cache5m + u.cache1h) - (oldUsage.cache5m + oldUsage.cache1h));
 
   // 6.
   agg.byModel[model].usd += delta;
@@ -375,7 +376,7 @@ void processUser(const MeterLine& line, const std::string& path, int64_t lineNum
     }
     if (result.bytes >= 40'004) state.pendingLargeResults.push_back({pending.name, tokens, pending.turnIndex});
   }
-  state.pendingImageTokens += line.imageTokens;
+  state.pendingImageTokens = addTokens(state.pendingImageTokens, line.imageTokens);
   MediaEvent event;
   event.hasImage = line.imageCount >= 1;
   if (event.hasImage) {

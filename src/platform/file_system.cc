@@ -27,7 +27,7 @@ Result<std::string> readWholeFile(FileSystem& fs, const std::string& path, uint6
   if (!opened) return opened.error();
   ReadableFile& file = *opened.value();
   const uint64_t size = file.sizeWhenOpened();
-  if (size > maxBytes) return Error{"cannot read " + path + ": larger than " + std::to_string(maxBytes) + " bytes"};
+  if (size > maxBytes) return fileError("cannot read", path, "larger than " + std::to_string(maxBytes) + " bytes");
   std::string bytes(static_cast<size_t>(size) + padding, '\0');
   uint64_t done = 0;
   while (done < size) {

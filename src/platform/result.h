@@ -4,6 +4,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <utility>
 #include <variant>
 
@@ -11,7 +12,16 @@ namespace ostler {
 
 struct Error {
   std::string message;
+  // For a file that could not be read or written: which, and why, so that a
+  // caller can say it its own way.
+  std::string path = {};
+  std::string reason = {};
 };
+
+// "WHAT PATH: REASON", with the path and the reason kept apart too.
+[[nodiscard]] inline Error fileError(std::string_view what, const std::string& path, std::string reason) {
+  return Error{std::string(what) + " " + path + ": " + reason, path, std::move(reason)};
+}
 
 template <typename T>
 class Result {

@@ -14,7 +14,7 @@ namespace ostler {
 namespace {
 
 Error systemError(std::string_view what, const std::string& path, int error = errno) {
-  return Error{std::string(what) + " " + path + ": " + std::strerror(error)};
+  return fileError(what, path, std::strerror(error));
 }
 
 FileKind kindOf(mode_t mode) {
@@ -127,7 +127,7 @@ class SystemFileSystem final : public FileSystem {
     }
     if (!S_ISREG(st.st_mode)) {
       ::close(fd);
-      return Error{"cannot read " + path + ": not a regular file"};
+      return fileError("cannot read", path, "not a regular file");
     }
     return std::unique_ptr<ReadableFile>(
         std::make_unique<SystemReadableFile>(fd, static_cast<uint64_t>(std::max<off_t>(st.st_size, 0)), path));
@@ -183,7 +183,7 @@ class SystemFileSystem final : public FileSystem {
       if (at == std::string::npos) break;
     }
     struct stat st;
-    if (::stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return Error{"cannot create " + path + ": not a folder"};
+    if (::stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return fileError("cannot create", path, "not a folder");
     return {};
   }
 

@@ -39,7 +39,7 @@ LineReader::LineReader(LineReader&& o) noexcept
     : file_(std::move(o.file_)), chunkSize_(o.chunkSize_), buffer_(std::move(o.buffer_)), capacity_(o.capacity_),
       begin_(o.begin_), end_(o.end_), scanned_(o.scanned_), atEOF_(o.atEOF_), wholeLinesOnly_(o.wholeLinesOnly_),
       maxBufferedBytes_(o.maxBufferedBytes_), position_(o.position_), limit_(o.limit_),
-      failure_(std::move(o.failure_)), stop_(std::move(o.stop_)) {
+      failure_(std::move(o.failure_)), stop_(std::move(o.stop_)), stopped_(o.stopped_) {
   o.capacity_ = o.begin_ = o.end_ = o.scanned_ = 0;
 }
 
@@ -60,6 +60,7 @@ LineReader& LineReader::operator=(LineReader&& o) noexcept {
     limit_ = o.limit_;
     failure_ = std::move(o.failure_);
     stop_ = std::move(o.stop_);
+    stopped_ = o.stopped_;
     o.capacity_ = o.begin_ = o.end_ = o.scanned_ = 0;
   }
   return *this;
@@ -83,8 +84,8 @@ void LineReader::close() {
 }
 
 void LineReader::fill() {
-  if (stop_.stop_requested()) failure_ = Error{"stopped"};
-  if (position_ >= limit_ || failure_) {
+  if (stop_.stop_requested()) stopped_ = true;
+  if (position_ >= limit_ || failure_ || stopped_) {
     atEOF_ = true;
     return;
   }

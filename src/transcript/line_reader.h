@@ -36,8 +36,8 @@ class LineReader {
   [[nodiscard]] static Result<LineReader> open(FileSystem& fs, const std::string& path, uint64_t offset = 0,
                                                size_t chunkSize = kDefaultChunkSize);
 
-  // Ends the reading, as a read error would, once `stop` is requested: a
-  // line of hundreds of megabytes must not hold up a shutdown.
+  // Ends the reading once `stop` is requested, as if at the end of the file:
+  // a line of hundreds of megabytes must not hold up a shutdown.
   void stopWhen(std::stop_token stop) { stop_ = std::move(stop); }
 
   // Only lines ended by a line feed are returned; reading stops, leaving
@@ -67,6 +67,8 @@ class LineReader {
   [[nodiscard]] uint64_t endOffset() const { return limit_; }
   // The read error that ended the reading early, if one did.
   [[nodiscard]] const std::optional<Error>& failure() const { return failure_; }
+  // Whether a stop ended it early.
+  [[nodiscard]] bool stopped() const { return stopped_; }
 
  private:
   LineReader(std::unique_ptr<ReadableFile> file, uint64_t offset, size_t chunkSize);
@@ -86,6 +88,7 @@ class LineReader {
   uint64_t limit_ = 0;     // the file's size when opened
   std::optional<Error> failure_;
   std::stop_token stop_;
+  bool stopped_ = false;
 };
 
 }  // namespace ostler

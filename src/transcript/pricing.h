@@ -112,6 +112,15 @@ struct W1Composition {
 
 }  // namespace CostMath
 
+// Token counts summed across lines, held at the ends of the 64-bit range
+// rather than wrapping: every count of a line is bounded, but a sum over a
+// fabricated tree of millions of them is not.
+[[nodiscard]] inline int64_t addTokens(int64_t a, int64_t b) {
+  int64_t sum = 0;
+  if (!__builtin_add_overflow(a, b, &sum)) return sum;
+  return b > 0 ? INT64_MAX : INT64_MIN;
+}
+
 // Multiplies by 1e6, rounds halves away from zero, divides.
 [[nodiscard]] double roundUSD(double usd);
 

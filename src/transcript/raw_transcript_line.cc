@@ -42,6 +42,20 @@ bool openObject(element e, object* o, bool* present) {
   return false;
 }
 
+// A token count: an integer from 0 to 2^40. Real counts stay far below the
+// bound; one past it (or below 0) is a corrupt line, and is refused before
+// it could overflow a sum or print an absurd spend.
+constexpr int64_t kMaxTokenCount = int64_t{1} << 40;
+
+std::optional<int64_t> optTokenCount(element e, bool& ok) {
+  std::optional<int64_t> v = json::optInt64(e, ok);
+  if (v && (*v < 0 || *v > kMaxTokenCount)) {
+    ok = false;
+    return std::nullopt;
+  }
+  return v;
+}
+
 // Strict records: any field of the wrong type fails the whole record.
 bool decodeCacheCreation(element e, std::optional<RawCacheCreation>* out) {
   object o;
@@ -53,9 +67,9 @@ bool decodeCacheCreation(element e, std::optional<RawCacheCreation>* out) {
   SeenKeys seen;
   for (auto field : o) {
     if (field.key == "ephemeral_5m_input_tokens") {
-      if (seen.first(0)) r.ephemeral5mInputTokens = json::optInt64(field.value, ok);
+      if (seen.first(0)) r.ephemeral5mInputTokens = optTokenCount(field.value, ok);
     } else if (field.key == "ephemeral_1h_input_tokens") {
-      if (seen.first(1)) r.ephemeral1hInputTokens = json::optInt64(field.value, ok);
+      if (seen.first(1)) r.ephemeral1hInputTokens = optTokenCount(field.value, ok);
     }
   }
   if (!ok) return false;
@@ -74,13 +88,13 @@ bool decodeUsage(element e, std::optional<RawUsage>* out) {
   for (auto field : o) {
     std::string_view k = field.key;
     if (k == "input_tokens") {
-      if (seen.first(0)) r.inputTokens = json::optInt64(field.value, ok);
+      if (seen.first(0)) r.inputTokens = optTokenCount(field.value, ok);
     } else if (k == "output_tokens") {
-      if (seen.first(1)) r.outputTokens = json::optInt64(field.value, ok);
+      if (seen.first(1)) r.outputTokens = optTokenCount(field.value, ok);
     } else if (k == "cache_read_input_tokens") {
-      if (seen.first(2)) r.cacheReadInputTokens = json::optInt64(field.value, ok);
+      if (seen.first(2)) r.cacheReadInputTokens = optTokenCount(field.value, ok);
     } else if (k == "cache_creation_input_tokens") {
-      if (seen.first(3)) r.cacheCreationInputTokens = json::optInt64(field.value, ok);
+      if (seen.first(3)) r.cacheCreationInputTokens = optTokenCount(field.value, ok);
     } else if (k == "cache_creation") {
       if (seen.first(4) && !decodeCacheCreation(field.value, &r.cacheCreation)) ok = false;
     }

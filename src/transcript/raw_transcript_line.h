@@ -38,7 +38,7 @@ enum class LineKey : uint8_t {
   kCwd,
   kMessage,  // not an object
   kModel,
-  kUsage,    // not an object, or any count in it not an integer
+  kUsage,    // not an object, or any count in it not an integer from 0 to 2^40
   kMessageId,
   kContent,  // neither a string nor a list
   kRequestId,

@@ -11,9 +11,12 @@ constexpr std::string_view kExtension = ".jsonl";
 
 // Adds to `out` every file below `dir` named "*.jsonl". Links are listed but
 // never entered, so a link cannot lead the walk in a circle.
-void collectJSONLFiles(FileSystem& fs, const std::string& dir, std::vector<std::string>& out) {
+void collectJSONLFiles(FileSystem& fs, const std::string& dir, std::vector<std::string>& out, Unreadable* unreadable) {
   auto entries = fs.list(dir);
-  if (!entries) return;
+  if (!entries) {
+    if (unreadable != nullptr) unreadable->note(entries.error());
+    return;
+  }
   std::vector<std::string> folders;
   for (const DirectoryEntry& e : entries.value()) {
     std::string path = joinPath(dir, e.name);
@@ -22,19 +25,19 @@ void collectJSONLFiles(FileSystem& fs, const std::string& dir, std::vector<std::
     else if (e.name.ends_with(kExtension))
       out.push_back(std::move(path));
   }
-  for (const auto& folder : folders) collectJSONLFiles(fs, folder, out);
+  for (const auto& folder : folders) collectJSONLFiles(fs, folder, out, unreadable);
 }
 
 }  // namespace
 
-std::vector<std::string> findJSONLFilesRecursively(FileSystem& fs, const std::string& path) {
+std::vector<std::string> findJSONLFilesRecursively(FileSystem& fs, const std::string& path, Unreadable* unreadable) {
   std::vector<std::string> out;
-  collectJSONLFiles(fs, path, out);
+  collectJSONLFiles(fs, path, out, unreadable);
   std::sort(out.begin(), out.end());
   return out;
 }
 
-std::vector<TranscriptFile> discoverFiles(FileSystem& fs, const std::string& root) {
+std::vector<TranscriptFile> discoverFiles(FileSystem& fs, const std::string& root, Unreadable* unreadable) {
   std::vector<TranscriptFile> files;
   auto projects = listSorted(fs, root);
   if (!projects) return files;
@@ -42,7 +45,10 @@ std::vector<TranscriptFile> discoverFiles(FileSystem& fs, const std::string& roo
     if (!project.isDirectory) continue;
     const std::string projectDir = joinPath(root, project.name);
     auto entries = listSorted(fs, projectDir);
-    if (!entries) continue;
+    if (!entries) {
+      if (unreadable != nullptr) unreadable->note(entries.error());
+      continue;
+    }
     for (const auto& e : entries.value()) {
       if (!e.name.ends_with(kExtension)) continue;
       files.push_back({joinPath(projectDir, e.name), e.name.substr(0, e.name.size() - kExtension.size()),
@@ -52,7 +58,7 @@ std::vector<TranscriptFile> discoverFiles(FileSystem& fs, const std::string& roo
       if (!e.isDirectory) continue;
       const std::string subagents = joinPath(joinPath(projectDir, e.name), "subagents");
       if (!isDirectory(fs, subagents)) continue;
-      for (auto& path : findJSONLFilesRecursively(fs, subagents))
+      for (auto& path : findJSONLFilesRecursively(fs, subagents, unreadable))
         files.push_back({std::move(path), e.name, projectDir, true});
     }
   }
@@ -82,8 +88,8 @@ std::vector<SessionGroup> sessionGroups(const std::vector<TranscriptFile>& files
   return out;
 }
 
-std::vector<SessionGroup> discoverSessionGroups(FileSystem& fs, const std::string& root) {
-  return sessionGroups(discoverFiles(fs, root));
+std::vector<SessionGroup> discoverSessionGroups(FileSystem& fs, const std::string& root, Unreadable* unreadable) {
+  return sessionGroups(discoverFiles(fs, root, unreadable));
 }
 
 std::vector<TranscriptFile> meteringOrder(const std::vector<SessionGroup>& groups) {

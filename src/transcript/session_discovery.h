@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "platform/file_system.h"
+#include "transcript/unreadable.h"
 
 namespace ostler {
 
@@ -43,16 +44,19 @@ struct SessionGroup {
 namespace SessionDiscovery {
 
 // Every transcript file under `root`, in following order. Never fails: a
-// root, project or subagent folder that cannot be listed contributes
-// nothing. Names ending in ".jsonl" are taken as they are listed; whether
-// they can be read is the reader's to find out.
-[[nodiscard]] std::vector<TranscriptFile> discoverFiles(FileSystem& fs, const std::string& root);
+// project or subagent folder that cannot be listed contributes nothing, and
+// is noted in `unreadable` when given (the root is its caller's to judge).
+// Names ending in ".jsonl" are taken as they are listed; whether they can be
+// read is the reader's to find out.
+[[nodiscard]] std::vector<TranscriptFile> discoverFiles(FileSystem& fs, const std::string& root,
+                                                        Unreadable* unreadable = nullptr);
 
 // The sessions of `files` in metering order.
 [[nodiscard]] std::vector<SessionGroup> sessionGroups(const std::vector<TranscriptFile>& files);
 
 // `sessionGroups` of a fresh walk.
-[[nodiscard]] std::vector<SessionGroup> discoverSessionGroups(FileSystem& fs, const std::string& root);
+[[nodiscard]] std::vector<SessionGroup> discoverSessionGroups(FileSystem& fs, const std::string& root,
+                                                              Unreadable* unreadable = nullptr);
 
 // The files of `groups` in metering order: each main file, then its
 // subagent files.
@@ -61,7 +65,8 @@ namespace SessionDiscovery {
 // Full paths of every file below `path` whose name ends in ".jsonl", sorted;
 // links are listed but never entered, folders of any name are walked and
 // not listed. Empty when `path` cannot be walked.
-[[nodiscard]] std::vector<std::string> findJSONLFilesRecursively(FileSystem& fs, const std::string& path);
+[[nodiscard]] std::vector<std::string> findJSONLFilesRecursively(FileSystem& fs, const std::string& path,
+                                                                Unreadable* unreadable = nullptr);
 
 }  // namespace SessionDiscovery
 }  // namespace ostler

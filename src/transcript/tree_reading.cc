@@ -82,7 +82,7 @@ SliceReading readSlice(FileSystem& fs, const TranscriptFile& file, const FileSli
     line.begin = reader.nextLineOffset();
     auto bytes = reader.nextLine();
     if (!bytes) {
-      r.end.cutShort = slice.end != UINT64_MAX || reader.failure().has_value();
+      r.end.cutShort = slice.end != UINT64_MAX || reader.failure().has_value() || reader.stopped();
       break;
     }
     ++line.number;
@@ -154,6 +154,7 @@ bool TreeReading::run(const std::stop_token& stop) {
           completed = false;
           break;
         }
+        if (r.end.failure) unreadable_.note(*r.end.failure);
         for (size_t i = 0; i < folds_.size(); ++i) folds_[i]->foldSlice(file, tasks[t].slice, std::move(r.shares[i]), r.end);
       }
       if (!completed) break;

@@ -27,6 +27,7 @@
 #include "platform/file_system.h"
 #include "transcript/raw_transcript_line.h"
 #include "transcript/session_discovery.h"
+#include "transcript/unreadable.h"
 
 namespace ostler {
 
@@ -124,12 +125,15 @@ class TreeReading {
   bool run(const std::stop_token& stop = {});
 
   [[nodiscard]] const std::vector<TranscriptFile>& files() const { return files_; }
+  // The files it could not read, after `run`.
+  [[nodiscard]] const Unreadable& unreadable() const { return unreadable_; }
 
  private:
   FileSystem& fs_;
   std::vector<TranscriptFile> files_;
   TreeReadingOptions options_;
   std::vector<TreeFold*> folds_;
+  Unreadable unreadable_;
 };
 
 }  // namespace ostler

@@ -121,17 +121,18 @@ TEST_F(AccountingTest, FamiliesUndatedLinesAndOddTotals) {
       line("2026-03-10T10:00:01Z", "u1", 100, "gpt-9"),
       // No usable timestamp: its dollars are tallied and nothing counts.
       line("yesterday", "x1", 100),
-      // A negative total is not a stub: it makes a turn and a burn.
+      // A negative count marks a corrupt line: it is skipped, and neither
+      // spend nor turn nor burn comes of it.
       line("2026-03-10T10:00:02Z", "n1", -5),
   });
   poll();
-  EXPECT_EQ(engine_.todayTokensByFamily(), (std::map<std::string, int64_t>{{"fable", 100}, {"opus", -5}}));
-  EXPECT_EQ(engine_.todayTurns(), 3);
-  EXPECT_DOUBLE_EQ(spent(), 1.95);
+  EXPECT_EQ(engine_.todayTokensByFamily(), (std::map<std::string, int64_t>{{"fable", 100}}));
+  EXPECT_EQ(engine_.todayTurns(), 2);
+  EXPECT_DOUBLE_EQ(spent(), 2.0);
   EXPECT_EQ(engine_.exclusion(ExclusionReason::kOther).count, 1);
   EXPECT_DOUBLE_EQ(engine_.exclusion(ExclusionReason::kOther).dollarsUSD, 1.0);
   EXPECT_FALSE(engine_.seenRequestIds().contains("x1"));
-  ASSERT_EQ(engine_.recentBurns().size(), 3u);
+  ASSERT_EQ(engine_.recentBurns().size(), 2u);
   EXPECT_TRUE(engine_.recentBurns()[0].isFableFamily);
   EXPECT_FALSE(engine_.recentBurns()[1].isFableFamily);
 }

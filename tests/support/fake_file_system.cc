@@ -28,7 +28,7 @@ class FakeFileSystem::File final : public ReadableFile {
   Result<size_t> readAt(uint64_t offset, char* into, size_t n) override {
     if (fs_.onRead_) fs_.onRead_(path_);
     std::lock_guard lock(fs_.mutex_);
-    if (failFrom_ && offset + n > *failFrom_) return Error{"cannot read " + path_ + ": input/output error"};
+    if (failFrom_ && offset + n > *failFrom_) return fileError("cannot read", path_, "input/output error");
     if (offset >= bytes_->size()) return size_t{0};
     const size_t got = std::min(n, bytes_->size() - static_cast<size_t>(offset));
     std::memcpy(into, bytes_->data() + offset, got);
@@ -145,10 +145,10 @@ void FakeFileSystem::setModified(const std::string& path, int64_t modifiedNs) {
 Result<std::unique_ptr<ReadableFile>> FakeFileSystem::openForReading(const std::string& path) {
   std::lock_guard lock(mutex_);
   auto it = nodes_.find(path);
-  if (it == nodes_.end()) return Error{"cannot open " + path + ": no such file or directory"};
+  if (it == nodes_.end()) return fileError("cannot open", path, "no such file or directory");
   const Node& node = it->second;
-  if (node.refusal) return Error{"cannot open " + path + ": " + *node.refusal};
-  if (node.kind != FileKind::kRegular) return Error{"cannot read " + path + ": not a regular file"};
+  if (node.refusal) return fileError("cannot open", path, *node.refusal);
+  if (node.kind != FileKind::kRegular) return fileError("cannot read", path, "not a regular file");
   return std::unique_ptr<ReadableFile>(
       std::make_unique<File>(*this, path, node.bytes, node.bytes->size(), node.failReadsFrom));
 }
@@ -156,7 +156,7 @@ Result<std::unique_ptr<ReadableFile>> FakeFileSystem::openForReading(const std::
 Result<FileInfo> FakeFileSystem::stat(const std::string& path) {
   std::lock_guard lock(mutex_);
   auto it = nodes_.find(trimmed(path));
-  if (it == nodes_.end()) return Error{"cannot read " + path + ": no such file or directory"};
+  if (it == nodes_.end()) return fileError("cannot read", path, "no such file or directory");
   const Node& node = it->second;
   return FileInfo{node.kind, node.kind == FileKind::kRegular ? node.bytes->size() : 0, node.modifiedNs, 1,
                   node.inode};
@@ -167,7 +167,7 @@ Result<std::vector<DirectoryEntry>> FakeFileSystem::list(const std::string& dir)
   const std::string folder = trimmed(dir);
   auto it = nodes_.find(folder);
   if (it == nodes_.end() || it->second.kind != FileKind::kDirectory)
-    return Error{"cannot list " + dir + ": not a folder"};
+    return fileError("cannot list", dir, "not a folder");
   const std::string prefix = folder == "/" ? "/" : folder + "/";
   std::vector<DirectoryEntry> entries;
   for (auto at = nodes_.lower_bound(prefix); at != nodes_.end() && at->first.starts_with(prefix); ++at) {

@@ -110,26 +110,38 @@ TEST(JsonLineTest, NestingDeeperThan1024LevelsFails) {
   }
 }
 
-TEST(JsonLineTest, IntegersAreWholeNumbersWithinSigned64Bits) {
+// Token counts are whole numbers from 0 to 2^40: the bound keeps every sum
+// far from overflow, and a count past it (or below 0) marks a corrupt line.
+TEST(JsonLineTest, TokenCountsAreWholeNumbersFrom0To2Pow40) {
   struct Case {
     std::string value;
     bool decodes;
     int64_t read;
   };
   const std::vector<Case> cases = {
-      {"5", true, 5},          {"0", true, 0},          {"-0", true, 0},     {"-5", true, -5},
-      {"9223372036854775807", true, INT64_MAX},         {"-9223372036854775808", true, INT64_MIN},
-      {"9223372036854775808", false, 0},                {"-9223372036854775809", false, 0},
-      {"18446744073709551615", false, 0},               {"5.0", false, 0},   {"5e2", false, 0},
-      {"5E0", false, 0},       {"1e30", false, 0},      {"1e400", false, 0}, {"0.0", false, 0},
+      {"5", true, 5},          {"0", true, 0},          {"-0", true, 0},       {"1099511627776", true, int64_t{1} << 40},
+      {"1099511627777", false, 0},                      {"-1", false, 0},      {"9223372036854775807", false, 0},
+      {"-9223372036854775808", false, 0},               {"9223372036854775808", false, 0},
+      {"18446744073709551615", false, 0},               {"5.0", false, 0},     {"5e2", false, 0},
+      {"5E0", false, 0},       {"1e30", false, 0},      {"1e400", false, 0},   {"0.0", false, 0},
       {"\"5\"", false, 0},     {"true", false, 0},      {"[5]", false, 0},
   };
-  for (const auto& c : cases) {
-    RawTranscriptLine line;
-    const std::string json = R"({"type":"assistant","message":{"usage":{"input_tokens":)" + c.value + "}}}";
-    ASSERT_EQ(decodes(json, &line), c.decodes) << c.value;
-    if (c.decodes) {
-      EXPECT_EQ(line.message->usage->inputTokens, c.read) << c.value;
+  for (const char* key : {"input_tokens", "cache_read_input_tokens", "cache_creation\":{\"ephemeral_1h_input_tokens"}) {
+    const bool nested = std::string_view(key).starts_with("cache_creation");
+    for (const auto& c : cases) {
+      RawTranscriptLine line;
+      const std::string json = std::string(R"({"type":"assistant","message":{"usage":{")") + key + "\":" + c.value +
+                               (nested ? "}}}}" : "}}}");
+      ASSERT_EQ(decodes(json, &line), c.decodes) << key << " " << c.value;
+      if (!c.decodes) {
+        EXPECT_TRUE(line.failedKeys.contains(LineKey::kUsage)) << key << " " << c.value;
+        continue;
+      }
+      const RawUsage& usage = *line.message->usage;
+      const std::optional<int64_t> read = nested                   ? usage.cacheCreation->ephemeral1hInputTokens
+                                          : key[0] == 'i' ? usage.inputTokens
+                                                                   : usage.cacheReadInputTokens;
+      EXPECT_EQ(read, c.read) << key << " " << c.value;
     }
   }
   RawTranscriptLine line;

@@ -67,7 +67,7 @@ void LiveEngine::processAssistant(const LiveLine& line, SessionLiveState& sessio
   // Images sent ahead of this reply are priced at this reply's input rate.
   if (media.pendingImageTokens > 0) {
     media.runUsdSoFar += rate.input * static_cast<double>(media.pendingImageTokens) / 1'000'000.0;
-    media.runTokensSoFar += media.pendingImageTokens;
+    media.runTokensSoFar = addTokens(media.runTokensSoFar, media.pendingImageTokens);
     media.pendingImageTokens = 0;
     media.pendingImageCount = 0;
   }
@@ -87,7 +87,10 @@ void LiveEngine::foldRequest(const std::optional<std::string>& requestId, double
 
   auto countToday = [&](double dollars) { todaySpentUSD_ += dollars; };
   auto countFamily = [&](const std::optional<std::string>& f, int64_t tokens) {
-    if (f) todayTokensByFamily_[*f] += tokens;
+    if (f) {
+      int64_t& sum = todayTokensByFamily_[*f];
+      sum = addTokens(sum, tokens);
+    }
   };
 
   const std::string_view id = requestId ? std::string_view(*requestId) : std::string_view{};
@@ -178,7 +181,7 @@ void LiveEngine::processUser(const LiveLine& line, FileMediaState& media) {
     media.runImageCount = 0;
   }
   media.runImageCount += images;
-  media.pendingImageTokens += estimate;
+  media.pendingImageTokens = addTokens(media.pendingImageTokens, estimate);
   media.pendingImageCount += images;
   media.nonImageStreak = 0;
   media.runLastImageAt = line.instant;

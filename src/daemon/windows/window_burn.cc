@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "transcript/pricing.h"
+
 namespace ostler::WindowBurn {
 namespace {
 
@@ -12,7 +14,7 @@ Burn sum(const std::vector<BurnEvent>& events, bool fableOnly, InWindow inWindow
     if (fableOnly && !e.isFableFamily) continue;
     if (!inWindow(e.timestamp)) continue;
     b.burn += e.costUSD;
-    b.tokens += e.tokens;
+    b.tokens = addTokens(b.tokens, e.tokens);
   }
   return b;
 }

@@ -120,7 +120,7 @@ ShapeFacts factsFor(const Result& result, const std::vector<size_t>& order, Wind
         const BurnEvent& b = events[w * 64 + static_cast<size_t>(std::countr_zero(bits))];
         if (fableOnly && !b.isFableFamily) continue;
         usd += b.costUSD;
-        tokens += b.tokens;
+        tokens = addTokens(tokens, b.tokens);
       }
     }
     observations.push_back({roundUSD(usd), tokens});
