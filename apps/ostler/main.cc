@@ -4,6 +4,8 @@
 //                  [--since-instant ISO] [--until-instant ISO]
 //                  [--json] [--loops FILE]
 //   ostler feed [--feed PATH]
+//   ostler check --handoff FILE --transcript FILE --root DIR
+//                [--doc-updates FILE] [--c2-threshold N] [--json]
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <iostream>
@@ -12,6 +14,7 @@
 
 #include <fmt/format.h>
 
+#include "check_command.h"
 #include "transcript/iso8601.h"
 #include "meter/loop_detail.h"
 #include "meter/meter_engine.h"
@@ -147,6 +150,8 @@ int main(int argc, char** argv) {
   std::string feedPath = kDefaultFeedPath;
   CLI::App* feed = app.add_subcommand("feed", "print the feed the engine is writing");
   feed->add_option("--feed", feedPath, "feed file (default /tmp/ostler-feed.json)")->type_name("PATH");
+  ostler::CheckFlags checkFlags;
+  CLI::App* check = ostler::addCheckCommand(app, checkFlags);
 
   try {
     app.parse(argc, argv);
@@ -155,11 +160,16 @@ int main(int argc, char** argv) {
   } catch (const CLI::CallForAllHelp& e) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
+    if (check->parsed()) {  // a check is often scripted: its usage errors take one line
+      std::cerr << "ostler: " << e.what() << "\n";
+      return kUsageError;
+    }
     const CLI::App& shown = receipt->parsed() ? *receipt : feed->parsed() ? *feed : app;
     std::cerr << "ostler: " << e.what() << "\n" << shown.help();
     return kUsageError;
   }
   if (receipt->parsed()) return runReceipt(flags, *receipt);
   if (feed->parsed()) return runFeed(feedPath);
+  if (check->parsed()) return ostler::runCheck(checkFlags);
   return kUsageError;
 }
