@@ -90,6 +90,14 @@ class FileSystem {
 // The machine's file system, one per process.
 [[nodiscard]] FileSystem& systemFileSystem();
 
+// Makes the folder `path` (its parent must exist) with mode 0700, or
+// accepts it when it exists already as a folder of this user that nobody
+// else may write to. A folder in a place every user writes to, such as
+// /tmp, may have been made first by someone else to read or plant what we
+// put there: one that belongs to another user, is writable by others or is
+// a symbolic link is refused, with the reason.
+[[nodiscard]] Status makePrivateDirectory(const std::string& path);
+
 // `dir` and `name` joined by one slash.
 [[nodiscard]] std::string joinPath(std::string_view dir, std::string_view name);
 

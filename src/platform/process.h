@@ -21,5 +21,8 @@ namespace ostler {
 // any thread. Call once, early in main.
 void catchStopSignals();
 [[nodiscard]] bool stopSignalReceived();
+// Waits up to `seconds` (at once when a stop signal came already); true
+// once a stop signal was received. Ends as soon as one arrives.
+bool waitForStopSignal(double seconds);
 
 }  // namespace ostler

@@ -200,4 +200,23 @@ FileSystem& systemFileSystem() {
   return fs;
 }
 
+Status makePrivateDirectory(const std::string& path) {
+  if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) return systemError("cannot create", path);
+  // Looked at through the folder itself, so that what is judged is what is
+  // used, and a link is not followed.
+  const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) {
+    if (errno == ELOOP || errno == ENOTDIR) return fileError("refusing", path, "not a folder of its own");
+    return systemError("cannot open", path);
+  }
+  struct stat st;
+  const int rc = ::fstat(fd, &st);
+  const int error = errno;
+  ::close(fd);
+  if (rc != 0) return systemError("cannot read", path, error);
+  if (st.st_uid != ::geteuid()) return fileError("refusing", path, "it belongs to another user");
+  if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) return fileError("refusing", path, "others may write to it");
+  return {};
+}
+
 }  // namespace ostler

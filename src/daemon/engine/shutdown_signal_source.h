@@ -1,10 +1,13 @@
 // The one way into the engine from outside: a flag that turns from false to
-// true once, when the process is asked to stop. The engine only looks at it
-// between files, so a stop never leaves a file half folded.
+// true once, when the process is asked to stop. The engine looks at it
+// between files and the loop while it waits for its next tick.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <stop_token>
+#include <thread>
 
 namespace ostler {
 
@@ -13,6 +16,16 @@ class ShutdownSignalSource {
   virtual ~ShutdownSignalSource() = default;
   // Whether a stop was requested. Safe to call from any thread.
   [[nodiscard]] virtual bool isRequested() const = 0;
+  // Waits up to `seconds`, ending early once a stop is requested; true then.
+  // The plain wait looks in short naps; a source that can be woken waits
+  // to the moment.
+  virtual bool waitUnlessRequested(double seconds) const {
+    using Clock = std::chrono::steady_clock;
+    const auto until = Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+    while (!isRequested() && Clock::now() < until)
+      std::this_thread::sleep_for(std::min<Clock::duration>(until - Clock::now(), std::chrono::milliseconds(20)));
+    return isRequested();
+  }
 };
 
 // Never asks for a stop.
