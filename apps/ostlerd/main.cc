@@ -13,6 +13,8 @@
 #include "daemon/engine/shutdown_signal_source.h"
 #include "daemon/loop/daemon.h"
 #include "daemon/loop/daemon_options.h"
+#include "daemon/state/persisted_state.h"
+#include "platform/file_system.h"
 #include "platform/memory.h"
 #include "platform/process.h"
 #include "platform/threads.h"
@@ -22,10 +24,18 @@ namespace {
 constexpr int kUsageError = 2;
 constexpr size_t kEngineStackBytes = 8 << 20;
 
+// The folder a file is written into: "." for a bare name.
+std::string parentFolder(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
 // A stop asked for by SIGINT or SIGTERM.
 class SignalShutdownSource final : public ostler::ShutdownSignalSource {
  public:
   [[nodiscard]] bool isRequested() const override { return ostler::stopSignalReceived(); }
+  bool waitUnlessRequested(double seconds) const override { return ostler::waitForStopSignal(seconds); }
 };
 
 }  // namespace
@@ -57,7 +67,30 @@ int main(int argc, char** argv) {
     return kUsageError;
   }
 
-  const ostler::DaemonOptions options = ostler::DaemonDefaults::options(env, root, feed, interval, state);
+  if (root.empty()) {
+    std::cerr << "ostlerd: --root must name a folder\n";
+    return kUsageError;
+  }
+  // A feed that could never be written is a mistake to say now, not a
+  // failure to retry every second.
+  const std::string feedFolder = parentFolder(feed);
+  if (ostler::FileSystem& fs = ostler::systemFileSystem(); !ostler::isDirectory(fs, feedFolder)) {
+    std::cerr << "ostlerd: no folder " << feedFolder << " for the feed " << feed << "\n";
+    return 1;
+  } else if (ostler::isDirectory(fs, feed)) {
+    std::cerr << "ostlerd: the feed " << feed << " is a folder\n";
+    return 1;
+  }
+
+  ostler::DaemonOptions options = ostler::DaemonDefaults::options(env, root, feed, interval, state);
+  if (!state) {
+    // The shared default folder must be ours alone; otherwise the state is
+    // kept in memory only, and a restart starts cold.
+    if (ostler::Status mine = ostler::makePrivateDirectory(ostler::PersistedStateIO::kScratchDirectory); !mine) {
+      std::cerr << "ostlerd: " << mine.error().message << "; the engine's state is kept in memory only\n";
+      options.scratchPath.clear();
+    }
+  }
   ostler::catchStopSignals();
   SignalShutdownSource shutdownSignal;
   ostler::Daemon::SystemServices services;

@@ -50,6 +50,8 @@ class TailReader {
   // Ends the reading once `stop` is requested, leaving the rest for later.
   void stopWhen(std::stop_token stop) { reader_.stopWhen(std::move(stop)); }
 
+  // The read error that ended the reading, if one did.
+  [[nodiscard]] const std::optional<Error>& failure() const { return reader_.failure(); }
   // The file offset just behind the last whole line handed out.
   [[nodiscard]] int64_t offset() const { return static_cast<int64_t>(reader_.nextLineOffset()); }
 

@@ -9,6 +9,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 
 #include "platform/result.h"
 
@@ -16,17 +17,27 @@ namespace ostler {
 
 struct Unreadable {
   std::set<std::string> paths;  // each once, however often it failed
-  std::optional<Error> first;   // the first failure met
+  // The failure of the first path in byte order: the same one every run,
+  // whatever order the files were read in.
+  std::optional<Error> first;
 
   void note(const Error& error) {
     if (!paths.insert(error.path).second) return;
-    if (!first) first = error;
+    if (!first || error.path < first->path) first = error;
   }
   void add(const Unreadable& other) {
     for (const auto& p : other.paths) paths.insert(p);
-    if (!first) first = other.first;
+    if (other.first && (!first || other.first->path < first->path)) first = other.first;
   }
   [[nodiscard]] int64_t count() const { return static_cast<int64_t>(paths.size()); }
 };
+
+// "N files could not be read (first: PATH: reason)", the same words from
+// every program; empty when every file could be read.
+[[nodiscard]] inline std::string describe(const Unreadable& unreadable) {
+  if (!unreadable.first) return {};
+  return std::to_string(unreadable.count()) + " files could not be read (first: " + unreadable.first->path + ": " +
+         unreadable.first->reason + ")";
+}
 
 }  // namespace ostler

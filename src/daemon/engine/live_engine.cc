@@ -30,7 +30,8 @@ std::set<std::string> LiveEngine::poll(const std::string& root, InstantMs now,
   // the day before.
   rollOverDay(now);
   std::set<std::string> touched;
-  std::vector<TranscriptFile> files = SessionDiscovery::discoverFiles(fs_, root);
+  Unreadable unreadable;
+  std::vector<TranscriptFile> files = SessionDiscovery::discoverFiles(fs_, root, &unreadable);
   if (!hasDoneInitialScan_) {
     hasDoneInitialScan_ = true;
     gcDeadEntries(files);
@@ -44,9 +45,14 @@ std::set<std::string> LiveEngine::poll(const std::string& root, InstantMs now,
   for (const TranscriptFile& file : files) {
     if (shutdownSignal != nullptr && shutdownSignal->isRequested()) break;
     std::optional<int64_t> size = fileSizes_->sizeOf(file.path);
-    if (size && readFile(file, *size, now, offsetHint, gathered)) touched.insert(file.sessionId);
+    if (!size) {
+      noteUnsized(file.path, unreadable);
+      continue;
+    }
+    if (readFile(file, *size, now, offsetHint, gathered, unreadable)) touched.insert(file.sessionId);
   }
   fileSizes_->endPoll();
+  unreadable_ = std::move(unreadable);
   pruneBurns(now);
   return touched;
 }
@@ -66,8 +72,18 @@ void LiveEngine::rollOverDay(InstantMs now) {
   isDirty_ = true;
 }
 
+void LiveEngine::noteUnsized(const std::string& path, Unreadable& unreadable) {
+  // Rare, so the reason is asked for only now. A file that turned regular
+  // since (or vanished as a whole folder did) waits for the next poll.
+  auto info = fs_.stat(path);
+  if (!info)
+    unreadable.note(info.error());
+  else if (info.value().kind != FileKind::kRegular)
+    unreadable.note(fileError("cannot read", path, "not a regular file"));
+}
+
 bool LiveEngine::readFile(const TranscriptFile& file, int64_t size, InstantMs now, OffsetIterator& hint,
-                          const GatheredLines* gathered) {
+                          const GatheredLines* gathered, Unreadable& unreadable) {
   // Discovery lists files mostly in the order of the map, so the entry after
   // the last one found is tried before a search.
   auto stored = hint != fileOffsets_.end() ? std::next(hint) : fileOffsets_.begin();
@@ -102,7 +118,10 @@ bool LiveEngine::readFile(const TranscriptFile& file, int64_t size, InstantMs no
     const auto chunk =
         static_cast<size_t>(std::clamp<int64_t>(size - start, 64 * 1024, TailReader::kDefaultChunkSize));
     auto opened = TailReader::open(fs_, file.path, start, chunk);
-    if (!opened) return false;
+    if (!opened) {
+      unreadable.note(opened.error());
+      return false;
+    }
     TailReader& reader = opened.value();
     while (auto raw = reader.nextLine()) {
       yielded = true;
@@ -120,6 +139,7 @@ bool LiveEngine::readFile(const TranscriptFile& file, int64_t size, InstantMs no
       }
     }
     offset = reader.offset();
+    if (reader.failure()) unreadable.note(*reader.failure());
     reader.close();
   }
   fileOffsets_[file.path] = offset;

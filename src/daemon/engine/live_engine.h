@@ -36,6 +36,7 @@
 #include "transcript/pricing.h"
 #include "transcript/raw_transcript_line.h"
 #include "transcript/session_discovery.h"
+#include "transcript/unreadable.h"
 
 namespace ostler {
 
@@ -239,6 +240,9 @@ class LiveEngine {
   [[nodiscard]] const RequestIdSet& seenRequestIds() const { return seenRequestIds_; }
   [[nodiscard]] int64_t newLinesSeen() const { return newLinesSeen_; }
   [[nodiscard]] int64_t newLinesSkipped() const { return newLinesSkipped_; }
+  // The files and folders the last poll could not read (or found to be no
+  // regular file): tried again at every poll, and counted in the feed.
+  [[nodiscard]] const Unreadable& unreadable() const { return unreadable_; }
   [[nodiscard]] const ExclusionTally& exclusion(ExclusionReason r) const {
     return exclusions_[static_cast<size_t>(r)];
   }
@@ -259,7 +263,10 @@ class LiveEngine {
   // when it yielded a line.
   using OffsetIterator = std::map<std::string, int64_t>::iterator;
   bool readFile(const TranscriptFile& file, int64_t size, InstantMs now, OffsetIterator& hint,
-                const GatheredLines* gathered);
+                const GatheredLines* gathered, Unreadable& unreadable);
+  // Notes why a listed file has no size: it is no regular file, or cannot
+  // be looked at.
+  void noteUnsized(const std::string& path, Unreadable& unreadable);
   void pruneBurns(InstantMs now);
   void recordExclusion(ExclusionReason reason, double dollars);
   void foldRequest(const std::optional<std::string>& requestId, double cost, const TurnUsage& usage,
@@ -298,6 +305,7 @@ class LiveEngine {
   RequestIdSet seenRequestIds_;                            // every request folded; never pruned
   int64_t newLinesSeen_ = 0;
   int64_t newLinesSkipped_ = 0;
+  Unreadable unreadable_;
   std::array<ExclusionTally, kExclusionReasonCount> exclusions_{};  // in memory only
   bool isDirty_ = false;
   bool hasDoneInitialScan_ = false;  // not saved: the first poll after a restore collects dead entries

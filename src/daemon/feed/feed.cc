@@ -116,6 +116,7 @@ FeedDiagnostics decodeDiagnostics(const nlohmann::json& j) {
                                        requireInt(*p, "bytes_since_start")};
   }
   if (const auto* x = find(j, "exclusions")) d.exclusions = orThrow(feedDiagnosticsExclusionsFromJson(*x));
+  d.unreadable_files = optionalInt(j, "unreadable_files");
   return d;
 }
 
@@ -212,6 +213,7 @@ nlohmann::json toJson(const FeedDiagnostics& v) {
                     {"bytes_last", v.persist->bytes_last},
                     {"bytes_since_start", v.persist->bytes_since_start}};
   if (v.exclusions) j["exclusions"] = toJson(*v.exclusions);
+  putOptional(j, "unreadable_files", v.unreadable_files);
   return j;
 }
 

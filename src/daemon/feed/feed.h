@@ -135,6 +135,9 @@ struct FeedDiagnostics {
   std::optional<FeedDiagnosticsEquality> equality;
   std::optional<FeedDiagnosticsPersist> persist;
   std::optional<FeedDiagnosticsExclusions> exclusions;
+  // Transcripts and folders the last poll could not read; left out when
+  // every one could be.
+  std::optional<int64_t> unreadable_files;
 
   [[nodiscard]] static FeedDiagnostics empty() { return {}; }
 

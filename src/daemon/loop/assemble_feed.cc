@@ -14,10 +14,19 @@ double macFirstUSD(const Receipt& r, std::string_view key) {
 
 }  // namespace
 
-int64_t persistAndRecord(FileSystem& fs, LiveEngine& engine, const DaemonOptions& options, bool alreadySaved) {
+int64_t persistAndRecord(FileSystem& fs, LiveEngine& engine, const DaemonOptions& options, FailureNotice* notice,
+                         const Status* alreadySaved) {
+  if (options.scratchPath.empty()) return 0;
   // A failed save is not retried at once: `isDirty` is cleared all the same,
   // so the next save waits for the next change.
-  if (!alreadySaved) (void)PersistedStateIO::save(fs, engine.persistenceView(options.root), options.scratchPath);
+  Status saved;
+  if (alreadySaved != nullptr) {
+    saved = *alreadySaved;
+  } else if (auto written = PersistedStateIO::save(fs, engine.persistenceView(options.root), options.scratchPath);
+             !written) {
+    saved = written.error();
+  }
+  if (notice != nullptr) notice->update(saved);
   auto info = fs.stat(options.scratchPath);
   const int64_t bytes = info ? static_cast<int64_t>(info.value().size) : 0;
   engine.recordPersist(bytes);
@@ -66,6 +75,8 @@ Feed assembleFeed(LiveEngine& engine, const Odometer::Bundle& odometerBundle, In
   feed.diagnostics.persist = engine.persistDiagnostics();
   feed.diagnostics.exclusions = engine.exclusionsSnapshot();
   feed.diagnostics.equality = equalityDiagnostics;
+  if (const int64_t unreadable = engine.unreadable().count(); unreadable > 0)
+    feed.diagnostics.unreadable_files = unreadable;
   return feed;
 }
 

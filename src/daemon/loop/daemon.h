@@ -134,11 +134,14 @@ bool startOdometerRecomputeIfDue(const LiveEngine& engine, const DaemonOptions& 
                                  const std::shared_ptr<TickState>& state, InstantMs now, bool touchedSinceLast,
                                  const Services& services);
 
-// Saves the engine's state (a failure is ignored) and notes the save on the
-// engine. Returns the size of the state file, 0 when it cannot be read.
-// With `alreadySaved` the file already holds the engine's state as it is
-// (saved beside the first feed's assembling): only the save is noted.
-int64_t persistAndRecord(FileSystem& fs, LiveEngine& engine, const DaemonOptions& options, bool alreadySaved = false);
+// Saves the engine's state and notes the save on the engine. Returns the
+// size of the state file, 0 when it cannot be read. A failed save is said
+// on `notice` and tried again at the next save; the engine goes on all the
+// same. With `alreadySaved`, the outcome of a save made beside the first
+// feed's assembling, only the save is noted. Without a state file (its
+// folder was refused) nothing is saved: the state lives in memory only.
+int64_t persistAndRecord(FileSystem& fs, LiveEngine& engine, const DaemonOptions& options,
+                         FailureNotice* notice = nullptr, const Status* alreadySaved = nullptr);
 
 // The feed at `now` from the engine's snapshots and the bundle's figures.
 // Spend is published from the windowed receipt while the last check

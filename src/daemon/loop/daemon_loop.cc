@@ -1,7 +1,4 @@
 // The loop itself: start-up, the initial pass, and the tick.
-#include <chrono>
-#include <thread>
-
 #include "daemon/loop/daemon.h"
 #include "daemon/loop/today_equality_check.h"
 #include "daemon/state/persisted_state.h"
@@ -28,7 +25,23 @@ void takeOverPendingWalls(LiveEngine& engine, TickState& state) {
 
 void writeFeed(FeedWriter& writer, TickState& state, const Feed& feed, InstantMs now) {
   // A failed write leaves the previous feed in place; the next tick tries again.
-  if (writer.writeNow(feed).ok()) state.lastFeedAt = now;
+  auto written = writer.writeNow(feed);
+  if (written) state.lastFeedAt = now;
+  state.feedNotice.update(written ? Status() : Status(written.error()));
+}
+
+// Says the transcripts that cannot be read whenever they change, so that a
+// user learns why a chat is missing from the feed.
+void sayUnreadable(const Unreadable& unreadable, TickState& state, std::FILE* log) {
+  if (unreadable.paths == state.unreadableSaid) return;
+  if (log != nullptr) {
+    if (unreadable.first)
+      std::fprintf(log, "ostlerd: %s\n", describe(unreadable).c_str());
+    else
+      std::fprintf(log, "ostlerd: every transcript can be read again\n");
+    std::fflush(log);
+  }
+  state.unreadableSaid = unreadable.paths;
 }
 
 }  // namespace
@@ -46,19 +59,24 @@ int runForever(const DaemonOptions& options, const ShutdownSignalSource& shutdow
   if (&fs == &systemFileSystem()) engine.setFileSizeSource(makeWatchingFileSizes());
   FeedWriter writer(fs, options.feedPath, kFeedMinIntervalSeconds, services.clock);
   auto state = std::make_shared<TickState>();
+  state->feedNotice = FailureNotice(services.log, "; trying again every second", "the feed is written again");
+  state->stateNotice =
+      FailureNotice(services.log, "; the engine goes on, and saves again at its next change", "the state is saved again");
 
   // A missing state file, or one of another version or root, is a cold
   // start. The file (megabytes on a large tree) is read within the pass,
   // while the meter reads the tree.
   auto restoreSavedState = [&](LiveEngine& fresh) {
+    if (options.scratchPath.empty()) return;
     if (auto saved = PersistedStateIO::load(fs, options.scratchPath, options.root)) fresh.restore(std::move(*saved));
   };
   std::optional<InitialPassResult> pass = initialPass(fs, engine, options, services.clock.nowMs(), nullptr,
                                                       &shutdownSignal, services.clock, restoreSavedState);
   if (!pass) {
-    (void)persistAndRecord(fs, engine, options);
+    (void)persistAndRecord(fs, engine, options, &state->stateNotice);
     return 0;
   }
+  sayUnreadable(engine.unreadable(), *state, services.log);
 
   const InstantMs finishedAt = services.clock.nowMs();
   FeedDiagnosticsEquality check =
@@ -79,15 +97,19 @@ int runForever(const DaemonOptions& options, const ShutdownSignalSource& shutdow
   // otherwise hold up: both only read the engine (the feed's memo of chat
   // rows aside, which is not saved). The feed reports that save.
   Feed feed;
+  Status saved;
   {
-    TaskGroup saving("ostler.save",
-                     {[&] { (void)PersistedStateIO::save(fs, engine.persistenceView(options.root), options.scratchPath); }});
+    TaskGroup saving("ostler.save", {[&] {
+                       if (options.scratchPath.empty()) return;
+                       auto written = PersistedStateIO::save(fs, engine.persistenceView(options.root), options.scratchPath);
+                       if (!written) saved = written.error();
+                     }});
     feed = assembleFeed(engine, *bundle, finishedAt, options, check, {}, services);
     // The chat rows, the bulk of the feed, are encoded while the save goes
     // on; only the save's own figures must wait for it.
     writer.prepare(feed);
   }
-  (void)persistAndRecord(fs, engine, options, /*alreadySaved=*/true);
+  (void)persistAndRecord(fs, engine, options, &state->stateNotice, &saved);
   feed.diagnostics.persist = engine.persistDiagnostics();
   // The first feed exists only once the whole initial pass is done.
   writeFeed(writer, *state, feed, finishedAt);
@@ -104,7 +126,7 @@ int runForever(const DaemonOptions& options, const ShutdownSignalSource& shutdow
       services.recomputeQueue.stopAndWait();
       return outcome.exitStatus;
     }
-    if (outcome.sleepSeconds > 0) std::this_thread::sleep_for(std::chrono::duration<double>(outcome.sleepSeconds));
+    if (outcome.sleepSeconds > 0) (void)shutdownSignal.waitUnlessRequested(outcome.sleepSeconds);
   }
 }
 
@@ -114,12 +136,13 @@ TickOutcome runForeverTick(LiveEngine& engine, FeedWriter& writer, const DaemonO
   // The one point of the loop at which a shutdown is looked at.
   if (isShutdownRequested()) {
     takeOverPendingWalls(engine, *state);
-    (void)persistAndRecord(services.fs, engine, options);
+    (void)persistAndRecord(services.fs, engine, options, &state->stateNotice);
     return {true, 0, 0};
   }
   const double tickStart = services.clock.monotonicSeconds();
 
   const std::set<std::string> touched = engine.poll(options.root, now);
+  sayUnreadable(engine.unreadable(), *state, services.log);
   if (!touched.empty()) {
     for (const TranscriptFile& file : SessionDiscovery::discoverFiles(services.fs, options.root)) {
       if (file.isSubagent || !touched.contains(file.sessionId)) continue;
@@ -154,7 +177,7 @@ TickOutcome runForeverTick(LiveEngine& engine, FeedWriter& writer, const DaemonO
   }
 
   if (engine.isDirty() && secondsBetween(lastPersistAt, now) >= kPersistIntervalSeconds) {
-    (void)persistAndRecord(services.fs, engine, options);
+    (void)persistAndRecord(services.fs, engine, options, &state->stateNotice);
     std::lock_guard lock(state->stateLock);
     state->lastPersistAt = now;
   }

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "daemon/feed/feed.h"
+#include "daemon/loop/failure_notice.h"
 #include "daemon/loop/odometer.h"
 #include "daemon/windows/window_scan.h"
 
@@ -44,6 +45,10 @@ class TickState {
   // feed assembles none).
   std::optional<InstantMs> lastFeedAt;
   std::set<std::string> touchedSinceLastFeed;
+  // The daemon's own failures, each said when it begins and when it ends.
+  FailureNotice feedNotice;
+  FailureNotice stateNotice;
+  std::set<std::string> unreadableSaid;  // the unreadable transcripts last said
 };
 
 }  // namespace ostler::Daemon
