@@ -53,6 +53,7 @@ struct ReceiptFlags {
   std::string root;
   std::optional<std::string> since, until, sinceInstant, untilInstant, loops;
   bool json = false;
+  bool rootGiven = false;  // named on the command line rather than the default
 };
 
 int usageError(const CLI::App& app, const std::string& message) {
@@ -68,16 +69,34 @@ int runReceipt(const ReceiptFlags& flags, const CLI::App& command) {
     if (*instant && !ostler::isValidInstant(**instant))
       return usageError(command, fmt::format("not an ISO 8601 instant: {}", **instant));
 
-  // A root with nothing to read is said in one line, and its receipt (all
-  // zeros) is still printed: a script reading the output gets a receipt.
+  if (flags.since && flags.until && *flags.since > *flags.until)
+    return usageError(command, fmt::format("--since {} is after --until {}", *flags.since, *flags.until));
+  if (flags.sinceInstant && flags.untilInstant &&
+      *ostler::ISO8601::parse(*flags.sinceInstant) > *ostler::ISO8601::parse(*flags.untilInstant))
+    return usageError(command,
+                      fmt::format("--since-instant {} is after --until-instant {}", *flags.sinceInstant, *flags.untilInstant));
+  if (flags.root.empty()) return usageError(command, "--root must name a folder");
+
+  // The default root missing or empty is said in one line, and its receipt
+  // (all zeros) is still printed: a script reading the output gets a
+  // receipt. A root asked for by name must be there.
   ostler::FileSystem& fs = ostler::systemFileSystem();
-  const bool isDirectory = ostler::isDirectory(fs, flags.root);
-  if (flags.root == defaultRoot() &&
-      (!isDirectory || ostler::SessionDiscovery::discoverFiles(fs, flags.root).empty()))
+  auto rootInfo = fs.stat(flags.root);
+  if (rootInfo && rootInfo.value().kind != ostler::FileKind::kDirectory)
+    return usageError(command, fmt::format("--root {} is not a folder", flags.root));
+  if (!rootInfo && flags.rootGiven) {
+    std::cerr << "ostler: no transcript folder at " << flags.root << "\n";
+    return 1;
+  }
+  if (rootInfo) {
+    if (auto listed = fs.list(flags.root); !listed) {
+      std::cerr << "ostler: " << listed.error().message << "\n";
+      return 1;
+    }
+  }
+  if (!flags.rootGiven && (!rootInfo || ostler::SessionDiscovery::discoverFiles(fs, flags.root).empty()))
     std::cerr << "ostler: no transcripts under " << flags.root << "; try the sample: ostler receipt --root "
               << OSTLER_SAMPLE_ROOT << "\n";
-  else if (!isDirectory)
-    std::cerr << "ostler: no transcript folder at " << flags.root << "\n";
 
   ostler::MeterOptions options;
   options.root = flags.root;
@@ -88,6 +107,9 @@ int runReceipt(const ReceiptFlags& flags, const CLI::App& command) {
   auto progress = terminalProgress();
   ostler::MeterRun run = ostler::MeterEngine::runWithLoopDetail(fs, options, progress);
   if (progress) std::fprintf(stderr, "\r\033[K");
+  // Files that could not be read are left out of the receipt, which says
+  // nothing of them; the user hears of them here.
+  if (run.unreadable.first) std::cerr << "ostler: " << ostler::describe(run.unreadable) << "\n";
 
   if (flags.loops) {
     auto written = ostler::writeWholeFile(fs, *flags.loops, ostler::encodeLoopDetailJSON(run.loopDetail), 0644);
@@ -168,7 +190,10 @@ int main(int argc, char** argv) {
     std::cerr << "ostler: " << e.what() << "\n" << shown.help();
     return kUsageError;
   }
-  if (receipt->parsed()) return runReceipt(flags, *receipt);
+  if (receipt->parsed()) {
+    flags.rootGiven = receipt->count("--root") > 0;
+    return runReceipt(flags, *receipt);
+  }
   if (feed->parsed()) return runFeed(feedPath);
   if (check->parsed()) return ostler::runCheck(checkFlags);
   return kUsageError;
