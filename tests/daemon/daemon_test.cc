@@ -16,7 +16,6 @@
 #include "line_builder.h"
 #include "support/fake_clock.h"
 #include "support/fake_file_system.h"
-#include "support/test_support.h"
 
 namespace ostler {
 namespace {
@@ -46,11 +45,6 @@ class ManualQueue final : public BackgroundQueue {
  private:
   std::vector<std::function<void(std::stop_token)>> jobs_;
   std::stop_source stop_;
-};
-
-class NoIdle final : public HIDIdleSource {
- public:
-  [[nodiscard]] double idleSeconds() const override { return 0; }
 };
 
 class RecordingScheduler final : public CloseoutScheduling {
@@ -96,17 +90,9 @@ struct Harness {
   NoMacAiSessions macAi;
   ManualQueue queue;
   ConfigFiles configFiles;
-  DaemonOptions options{(dir.path() / "projects").string(),
-                        (dir.path() / "feed.json").string(),
-                        1.0,
-                        PricingTable::defaultTable(),
-                        (dir.path() / "state" / "state.json").string(),
-                        45.0,
-                        "",
-                        "",
-                        "",
-                        (dir.path() / "closeout").string(),
-                        ""};
+  DaemonOptions options = DaemonDefaults::options({dir.str(), {}, {}, {}}, (dir.path() / "projects").string(),
+                                                  (dir.path() / "feed.json").string(), 1.0,
+                                                  (dir.path() / "state" / "state.json").string());
 
   [[nodiscard]] Daemon::Services services() {
     return {systemFileSystem(), clock, idle, stores, scheduler, names, macAi, queue, configFiles, nullptr};
@@ -211,8 +197,6 @@ TEST(AssembleFeedTest, SpendBasisFollowsTheRecomputesAndConfigFilesAddTheirKeys)
     return Daemon::assembleFeed(h.engine, *h.state->odometerBundle, h.clock.nowMs(), h.options,
                                 h.state->lastEqualityDiagnostics, {}, h.services());
   };
-  h.options.ostlerConfigPath = (h.dir.path() / "config.json").string();
-  h.options.claudeConfigPath = (h.dir.path() / "claude.json").string();
 
   fs::remove(h.transcript());
   recompute(0, true);
@@ -279,7 +263,6 @@ TEST(DaemonTickTest, WritesTheFeedOncePerSecondAndSleepsTheRestOfTheInterval) {
     t.state->odometerBundle = saved;
   }
   EXPECT_EQ(t.tick(1).sleepSeconds, 1.0);
-  ASSERT_TRUE(fs::exists(t.options.feedPath));
   Feed f = t.readFeed();
   EXPECT_EQ(f.generated_at, ISO8601::fractional(kNow + 1000));
   EXPECT_EQ(f.today.spent_usd, 2.0);
@@ -322,24 +305,34 @@ TEST(DaemonTickTest, WritesTheFeedOncePerSecondAndSleepsTheRestOfTheInterval) {
   f = t.readFeed();
   EXPECT_EQ(f.generated_at, ISO8601::fractional(kNow + 6'000));
   EXPECT_EQ(f.sessions_all.at(0).last_activity, ISO8601::fractional(kNow + 5'100));
-  // Touched, but the last recompute finished only seconds ago.
+  // Touched, but the last recompute finished only seconds ago; then no
+  // touch since.
   EXPECT_EQ(t.queue.pending(), 0u);
   (void)t.tick(45);
-  EXPECT_EQ(t.queue.pending(), 0u);  // no touch since
+  EXPECT_EQ(t.queue.pending(), 0u);
+
+  // After midnight without new lines the accumulator rolls over and the old
+  // bundle stands.
+  (void)t.tick(13 * 3600);
+  f = t.readFeed();
+  EXPECT_EQ(f.today.spent_usd, 0.0);
+  EXPECT_EQ(f.odometer.spent_usd, 2.0);
+  EXPECT_EQ(t.queue.pending(), 0u);
 }
 
-TEST(DaemonTickTest, SavesEveryFiveMinutesWhileDirtyAndOnShutdown) {
+TEST(DaemonTickTest, SavesEveryFiveMinutesWhileDirtyAndOnShutdownAndCountsEverySave) {
   Ticking t;
-  // The initial pass saved; the ticks' own saves are watched from here.
+  const auto sizeOfState = [&] { return static_cast<int64_t>(fs::file_size(t.options.scratchPath)); };
+  // The ticks' own saves are watched from here.
   fs::remove(t.options.scratchPath);
   (void)t.tick(1);
   ASSERT_TRUE(t.engine.isDirty());
   (void)t.tick(299.999);
   EXPECT_FALSE(fs::exists(t.options.scratchPath));
   (void)t.tick(300);
-  EXPECT_TRUE(fs::exists(t.options.scratchPath));
+  const int64_t first = sizeOfState();
   EXPECT_FALSE(t.engine.isDirty());
-  EXPECT_EQ(t.engine.persistDiagnostics()->count_since_start, 1);
+  EXPECT_EQ(t.engine.persistDiagnostics(), (FeedDiagnosticsPersist{1, first, first}));
   (void)t.tick(601);  // clean: nothing to save
   EXPECT_EQ(t.engine.persistDiagnostics()->count_since_start, 1);
   EXPECT_EQ(t.readFeed().diagnostics.persist, t.engine.persistDiagnostics());
@@ -351,48 +344,30 @@ TEST(DaemonTickTest, SavesEveryFiveMinutesWhileDirtyAndOnShutdown) {
   t.state->pendingWalls = walls;
   (void)t.tick(602);
   EXPECT_EQ(t.engine.cachedWalls(), walls);
-  EXPECT_EQ(t.engine.persistDiagnostics()->count_since_start, 2);
+  const int64_t second = sizeOfState();
+  EXPECT_EQ(t.engine.persistDiagnostics(), (FeedDiagnosticsPersist{2, second, first + second}));
   EXPECT_FALSE(t.state->pendingWalls);
   EXPECT_EQ(t.readFeed().windows.week.resets_note, "resets mon 9am");
 
+  // A save that fails is counted with no bytes and still clears dirty.
+  const std::string scratch = std::exchange(t.options.scratchPath, (t.dir.path() / "feed.json" / "x").string());
+  walls.session.latestResetPhrase = "resets 4pm";
+  t.state->pendingWalls = walls;
+  (void)t.tick(903);
+  EXPECT_FALSE(t.engine.isDirty());
+  EXPECT_EQ(t.engine.persistDiagnostics(), (FeedDiagnosticsPersist{3, 0, first + second}));
+
   // The stop saves what the tick has, walls handed over last included.
+  t.options.scratchPath = scratch;
   walls.session.latestResetPhrase = "resets 5pm";
   t.state->pendingWalls = walls;
-  Daemon::TickOutcome stop = t.tick(603, true);
+  Daemon::TickOutcome stop = t.tick(904, true);
   EXPECT_TRUE(stop.shutdown);
   EXPECT_EQ(stop.exitStatus, 0);
   auto saved = PersistedStateIO::load(systemFileSystem(), t.options.scratchPath, t.options.root);
   ASSERT_TRUE(saved);
   EXPECT_EQ(saved->cachedWalls, walls);
-  EXPECT_EQ(t.engine.persistDiagnostics()->count_since_start, 3);
-}
-
-TEST(DaemonTickTest, AfterMidnightWithoutNewLinesTheOldBundleStands) {
-  Ticking t;
-  (void)t.tick(1);
-  const double nextDay = 13 * 3600;  // 01:00 the next day
-  (void)t.tick(nextDay);
-  Feed f = t.readFeed();
-  EXPECT_EQ(f.today.spent_usd, 0.0);  // the accumulator rolled over
-  EXPECT_EQ(f.odometer.spent_usd, 2.0);
-  EXPECT_EQ(t.queue.pending(), 0u);
-}
-
-TEST(InitialPassTest, AShutdownWaitsForTheJobsAndLeavesNoFeed) {
-  Harness h;
-  writeFile(h.transcript(), jsonl({dollarTurn(kNow - 3'600'000, "r1")}));
-  StopWhen stop = slowStop();
-  LiveEngine engine(systemFileSystem(), h.options.pricing, "UTC");
-  EXPECT_EQ(Daemon::initialPass(systemFileSystem(), engine, h.options, kNow, nullptr, &stop, h.clock), std::nullopt);
-  // The live poll stopped at the first file.
-  EXPECT_TRUE(engine.fileOffsets().empty());
-
-  // The same in the loop: a final save, and the previous feed is left alone.
-  writeFile(h.options.feedPath, "previous");
-  StopWhen again = slowStop();
-  EXPECT_EQ(Daemon::runForever(h.options, again, h.services()), 0);
-  EXPECT_EQ(readFile(h.options.feedPath), "previous");
-  EXPECT_TRUE(PersistedStateIO::load(systemFileSystem(), h.options.scratchPath, h.options.root));
+  EXPECT_EQ(t.engine.persistDiagnostics()->count_since_start, 4);
 }
 
 // A recompute still reading the tree when the process is asked to stop ends
@@ -432,17 +407,22 @@ TEST(RecomputeTest, AStopEndsARecomputeInFlightWithinItsReading) {
   EXPECT_EQ(state->odometerBundle, before);
 }
 
-TEST(InitialPassTest, FiguresOfEveryJobOnColdAndWarmStarts) {
+TEST(InitialPassTest, FiguresOfEveryJobOnColdAndWarmStartsAndNoneWhenStopped) {
   Harness h;
   writeFile(h.transcript(), jsonl({dollarTurn(kNow - 3'600'000, "r1"), dollarTurn(kNow - 90'000'000, "r0")}));
+  // A shutdown waits for the jobs, and the live poll stops at its first file.
+  StopWhen stop = slowStop();
+  LiveEngine stopped(systemFileSystem(), h.options.pricing, "UTC");
+  EXPECT_EQ(Daemon::initialPass(systemFileSystem(), stopped, h.options, kNow, nullptr, &stop, h.clock), std::nullopt);
+  EXPECT_TRUE(stopped.fileOffsets().empty());
+
   LiveEngine cold(systemFileSystem(), h.options.pricing, "UTC");
   auto pass = Daemon::initialPass(systemFileSystem(), cold, h.options, kNow, nullptr, nullptr, h.clock);
   ASSERT_TRUE(pass);
   EXPECT_EQ(pass->accumulatorSnapshot.spentUSD, 1.0);
   EXPECT_EQ(pass->odometerBundle.lifetimeReceipt.totals.spent_usd, 2.0);
   EXPECT_EQ(pass->odometerBundle.todayWindowedReceipt.totals.spent_usd, 1.0);
-  EXPECT_EQ(pass->odometerBundle.windowedTokensByFamily,
-            (std::map<std::string, int64_t>{{"haiku", 1'000'000}}));
+  EXPECT_EQ(pass->odometerBundle.windowedTokensByFamily, (std::map<std::string, int64_t>{{"haiku", 1'000'000}}));
   EXPECT_TRUE(cold.cachedWalls());
 
   // A restored engine reads nothing new and its check matches, so no fresh
@@ -461,7 +441,7 @@ TEST(InitialPassTest, FiguresOfEveryJobOnColdAndWarmStarts) {
   // then the fresh count is read, and it knows only what the tree holds.
   writeFile(h.transcript(), jsonl({dollarTurn(kNow - 90'000'000, "r0")}));
   LiveEngine diverged(systemFileSystem(), h.options.pricing, "UTC");
-  diverged.restore(cold.snapshotForPersistence(h.options.root));
+  diverged.restore(saved);
   auto third = Daemon::initialPass(systemFileSystem(), diverged, h.options, kNow, nullptr, nullptr, h.clock);
   ASSERT_TRUE(third);
   EXPECT_EQ(third->accumulatorSnapshot.spentUSD, 1.0);
@@ -469,43 +449,31 @@ TEST(InitialPassTest, FiguresOfEveryJobOnColdAndWarmStarts) {
   EXPECT_EQ(third->odometerBundle.windowedTokensByFamily, (std::map<std::string, int64_t>{}));
 }
 
-TEST(RunForeverTest, TheFirstFeedReportsTheSaveMadeBesideIt) {
+TEST(RunForeverTest, AStopBeforeTheFirstFeedLeavesTheOldOneAndTheFirstReportsItsSave) {
   Harness h;
   writeFile(h.transcript(), jsonl({dollarTurn(kNow - 3'600'000, "r1"), dollarTurn(kNow - 90'000'000, "r0")}));
+  // Stopped during the initial pass: a final save, and the previous feed is
+  // left alone.
+  writeFile(h.options.feedPath, "previous");
+  StopWhen early = slowStop();
+  EXPECT_EQ(Daemon::runForever(h.options, early, h.services()), 0);
+  EXPECT_EQ(readFile(h.options.feedPath), "previous");
+  EXPECT_TRUE(PersistedStateIO::load(systemFileSystem(), h.options.scratchPath, h.options.root));
+
   // Once the first feed exists, the loop saves and ends at its next tick.
+  fs::remove(h.options.feedPath);
   StopWhen stop([&h] { return fs::exists(h.options.feedPath); });
   EXPECT_EQ(Daemon::runForever(h.options, stop, h.services()), 0);
   const Feed feed = decodeFeedJSON(readFile(h.options.feedPath)).value();
   EXPECT_EQ(feed.today.spent_usd, 1.0);
   EXPECT_EQ(feed.odometer.spent_usd, 2.0);
   // One save before the feed; the final save wrote the same state again.
-  ASSERT_TRUE(feed.diagnostics.persist);
   const auto bytes = static_cast<int64_t>(fs::file_size(h.options.scratchPath));
-  EXPECT_EQ(*feed.diagnostics.persist, (FeedDiagnosticsPersist{1, bytes, bytes}));
+  EXPECT_EQ(feed.diagnostics.persist, (FeedDiagnosticsPersist{1, bytes, bytes}));
   auto saved = PersistedStateIO::load(systemFileSystem(), h.options.scratchPath, h.options.root);
   ASSERT_TRUE(saved);
   EXPECT_TRUE(saved->cachedWalls);
   EXPECT_EQ(saved->seenRequestIds.size(), 2u);
-}
-
-TEST(PersistAndRecordTest, CountsEverySaveAndAFailedOneStillClearsDirty) {
-  Polled h;
-  LiveEngine& engine = h.engine;
-  EXPECT_EQ(engine.persistDiagnostics(), std::nullopt);
-  const int64_t first = Daemon::persistAndRecord(systemFileSystem(), engine, h.options);
-  EXPECT_EQ(first, static_cast<int64_t>(fs::file_size(h.options.scratchPath)));
-  EXPECT_FALSE(engine.isDirty());
-  const int64_t second = Daemon::persistAndRecord(systemFileSystem(), engine, h.options);
-  EXPECT_EQ(engine.persistDiagnostics(), (FeedDiagnosticsPersist{2, second, first + second}));
-
-  DaemonOptions blocked = h.options;
-  writeFile(h.dir.path() / "plain-file", "x");
-  blocked.scratchPath = (h.dir.path() / "plain-file" / "state.json").string();
-  (void)engine.poll(h.options.root, kNow + 86'400'000);  // a new day makes it dirty again
-  ASSERT_TRUE(engine.isDirty());
-  EXPECT_EQ(Daemon::persistAndRecord(systemFileSystem(), engine, blocked), 0);
-  EXPECT_FALSE(engine.isDirty());
-  EXPECT_EQ(engine.persistDiagnostics(), (FeedDiagnosticsPersist{3, 0, first + second}));
 }
 
 }  // namespace

@@ -1,12 +1,18 @@
 // Transcript lines for the daemon's tests, written the way Claude Code writes
-// them, so that each test states only what it is about.
+// them, so that each test states only what it is about; and a tree of them
+// in a temporary folder that a live engine follows.
 #pragma once
 
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <ostream>
+#include <set>
 #include <string>
+#include <vector>
 
+#include "daemon/engine/live_engine.h"
+#include "platform/hid_idle_source.h"
+#include "support/test_support.h"
 #include "transcript/iso8601.h"
 
 namespace ostler::testing {
@@ -76,6 +82,27 @@ inline std::string userImageLine(int images, size_t base64Chars,
 }
 
 inline InstantMs at(const char* iso) { return *ISO8601::parse(iso); }
+
+// A user always at the machine.
+class NoIdle final : public HIDIdleSource {
+ public:
+  [[nodiscard]] double idleSeconds() const override { return 0; }
+};
+
+// A transcript root in a temporary folder and a live engine following it.
+struct LiveTree {
+  explicit LiveTree(const PricingTable& pricing = PricingTable::defaultTable(), const std::string& zone = "UTC")
+      : engine(systemFileSystem(), pricing, zone) {}
+  // Appends `lines` to the file at `path` below the root, making it.
+  void append(const std::string& path, const std::vector<std::string>& lines) const {
+    appendFile(dir.path() / path, jsonl(lines));
+  }
+  std::set<std::string> poll(InstantMs now) { return engine.poll(dir.str(), now); }
+  [[nodiscard]] std::string path(const std::string& below) const { return (dir.path() / below).string(); }
+
+  TempDir dir;
+  LiveEngine engine;
+};
 
 }  // namespace ostler::testing
 

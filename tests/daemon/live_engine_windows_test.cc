@@ -4,7 +4,6 @@
 
 #include "daemon/engine/live_engine.h"
 #include "line_builder.h"
-#include "support/test_support.h"
 
 namespace ostler {
 namespace {
@@ -22,11 +21,11 @@ std::string sessionLimit(const char* ts, const char* phrase) {
 class WindowsTest : public ::testing::Test {
  protected:
   void feed(const std::vector<std::string>& lines, InstantMs now) {
-    appendFile(dir_.path() / "p" / "s.jsonl", jsonl(lines));
-    (void)engine_.poll(dir_.str(), now);
+    tree_.append("p/s.jsonl", lines);
+    (void)tree_.poll(now);
   }
-  TempDir dir_;
-  LiveEngine engine_{systemFileSystem(), PricingTable::defaultTable(), "UTC"};
+  LiveTree tree_;
+  LiveEngine& engine_ = tree_.engine;
 };
 
 TEST_F(WindowsTest, SessionAnchorIsTheLaterOfInferenceAndAPastResetPhrase) {

@@ -11,7 +11,7 @@
 namespace ostler {
 namespace {
 
-TEST(RepeatPipelinesTest, NormalizeMasksStringsThenPathsThenNumbers) {
+TEST(RepeatPipelinesTest, NormalizeMasksStringsThenPathsThenNumbersAsTheExpressionsDo) {
   struct Case {
     std::string command, normalized;
   };
@@ -41,28 +41,17 @@ TEST(RepeatPipelinesTest, NormalizeMasksStringsThenPathsThenNumbers) {
     EXPECT_EQ(normalizeBashCommand(c.command), c.normalized) << ::testing::PrintToString(c.command);
     EXPECT_EQ(normalizeBashCommandICU(c.command), c.normalized) << ::testing::PrintToString(c.command);
   }
-}
-
-// Commands drawn from an alphabet rich in what the three expressions look
-// at: quotes, slashes, digits, word and non-word characters, every ASCII
-// space.
-std::vector<std::string> randomCommands(const std::string& alphabet, int count) {
+  // The fast path agrees with the expressions on commands drawn from an
+  // alphabet rich in what they look at: quotes, slashes, digits, word and
+  // non-word characters, every ASCII space.
+  const std::string alphabet = "\"'/aZ_09 5.-\t\v\f\r\n";
   std::mt19937 rng(7);
   std::uniform_int_distribution<size_t> pick(0, alphabet.size() - 1), length(0, 24);
-  std::vector<std::string> out;
-  for (int i = 0; i < count; ++i) {
-    std::string s;
-    for (size_t n = length(rng); n > 0; --n) s.push_back(alphabet[pick(rng)]);
-    out.push_back(std::move(s));
-  }
-  return out;
-}
-
-const std::string kAlphabet = "\"'/aZ_09 5.-\t\v\f\r\n";
-
-TEST(RepeatPipelinesTest, FastPathAgreesWithICUOnRandomAsciiCommands) {
-  for (const auto& command : randomCommands(kAlphabet, 30000))
+  for (int i = 0; i < 30000; ++i) {
+    std::string command;
+    for (size_t n = length(rng); n > 0; --n) command.push_back(alphabet[pick(rng)]);
     ASSERT_EQ(normalizeBashCommand(command), normalizeBashCommandICU(command)) << ::testing::PrintToString(command);
+  }
 }
 
 using namespace testing;
@@ -70,7 +59,7 @@ using testing::json;  // not ostler::json
 
 const ReceiptCategory& repeatPipelines(const Receipt& r) { return r.mac_first.categories[1]; }
 
-TEST(RepeatPipelinesTest, OccurrencesAreNumberedAlikeInBothPasses) {
+TEST(RepeatPipelinesTest, OccurrencesAreNumberedAlikeInBothPassesAndOnlyRunsInRangeCount) {
   const std::string opus = "claude-opus-4-5";
   Tree tree;
   tree.main("-home-dev-shop", "aaaaaaaa-1",
@@ -84,32 +73,29 @@ TEST(RepeatPipelinesTest, OccurrencesAreNumberedAlikeInBothPasses) {
             {assistant("r1", opus, {.output = 1'000}, at(30),  // a repeated request runs nothing
                        json::array({bash("b4", "make clean")})),
              assistant("r5", opus, {.output = 4'000}, at(40), json::array({bash("b5", "grep foo /src/d.txt")}))});
+  // One run a day: the second and third qualify, unless the third is out of
+  // range.
+  std::vector<json> daily;
+  for (int day = 1; day <= 3; ++day)
+    daily.push_back(assistant("e" + std::to_string(day), opus, {.output = 1'000},
+                              "2026-11-0" + std::to_string(day) + "T10:00:00Z",
+                              json::array({bash("e" + std::to_string(day), "echo " + std::to_string(day))})));
+  tree.main("-home-dev-web", "cccccccc-3", daily);
   const Receipt r = tree.run();
   // grep runs four times, so its second to fourth runs qualify; the turn
   // that also ran "ls -la" once splits its dollars with that template.
   const ReceiptCategory& r2 = repeatPipelines(r);
   const double out = 25.0 / 1e6;
-  EXPECT_DOUBLE_EQ(r2.usd, roundUSD((2'000 + 3'000 + 4'000) * out));
-  EXPECT_EQ(r2.sessions_distinct, 2);
+  EXPECT_DOUBLE_EQ(r2.usd, roundUSD((2'000 + 3'000 + 4'000 + 2'000) * out));
+  EXPECT_EQ(r2.sessions_distinct, 3);
   EXPECT_EQ(r2.detail_lines,
             (std::vector<ReceiptDetailLine>{
                 {"template " + stableHash("grep foo <PATH>").substr(0, 8) + " (4x)", 0.2, std::nullopt},
+                {"template " + stableHash("echo <NUM>").substr(0, 8) + " (3x)", 0.05, std::nullopt},
                 {"template " + stableHash("ls -la").substr(0, 8) + " (0x)", 0.025, std::nullopt}}));
-}
-
-TEST(RepeatPipelinesTest, OnlyRunsInRangeCount) {
-  Tree tree;
-  tree.main("-home-dev-shop", "aaaaaaaa-1",
-            {assistant("e1", "claude-opus-4-5", {.output = 1'000}, "2026-11-01T10:00:00Z",
-                       json::array({bash("b1", "echo 1")})),
-             assistant("e2", "claude-opus-4-5", {.output = 1'000}, "2026-11-02T10:00:00Z",
-                       json::array({bash("b2", "echo 2")})),
-             assistant("e3", "claude-opus-4-5", {.output = 1'000}, "2026-11-03T10:00:00Z",
-                       json::array({bash("b3", "echo 3")}))});
-  EXPECT_DOUBLE_EQ(repeatPipelines(tree.run()).usd, 0.05);
   MeterOptions o = tree.options();
-  o.until = "2026-11-02";
-  EXPECT_EQ(repeatPipelines(tree.run(o)).usd, 0.0);  // two runs in range qualify nothing
+  o.until = "2026-11-02";  // two echo runs in range qualify nothing
+  EXPECT_DOUBLE_EQ(repeatPipelines(tree.run(o)).usd, roundUSD((2'000 + 3'000 + 4'000) * out));
 }
 
 }  // namespace

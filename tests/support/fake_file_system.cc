@@ -106,13 +106,6 @@ void FakeFileSystem::makeFolder(const std::string& path) {
   touch(trimmed(path), FileKind::kDirectory);
 }
 
-void FakeFileSystem::erase(const std::string& path) {
-  std::lock_guard lock(mutex_);
-  const std::string prefix = trimmed(path) + "/";
-  nodes_.erase(trimmed(path));
-  std::erase_if(nodes_, [&](const auto& entry) { return entry.first.starts_with(prefix); });
-}
-
 std::optional<std::string> FakeFileSystem::bytes(const std::string& path) const {
   std::lock_guard lock(mutex_);
   auto it = nodes_.find(path);
@@ -136,11 +129,6 @@ void FakeFileSystem::putSpecial(const std::string& path) {
 }
 
 void FakeFileSystem::onRead(std::function<void(const std::string& path)> hook) { onRead_ = std::move(hook); }
-
-void FakeFileSystem::setModified(const std::string& path, int64_t modifiedNs) {
-  std::lock_guard lock(mutex_);
-  if (auto it = nodes_.find(path); it != nodes_.end()) it->second.modifiedNs = modifiedNs;
-}
 
 Result<std::unique_ptr<ReadableFile>> FakeFileSystem::openForReading(const std::string& path) {
   std::lock_guard lock(mutex_);

@@ -23,7 +23,6 @@ class FakeFileSystem final : public FileSystem {
   void put(const std::string& path, std::string bytes);
   void append(const std::string& path, std::string_view bytes);
   void makeFolder(const std::string& path);
-  void erase(const std::string& path);
   // What is at `path`: the file's bytes, or nothing.
   [[nodiscard]] std::optional<std::string> bytes(const std::string& path) const;
 
@@ -31,7 +30,6 @@ class FakeFileSystem final : public FileSystem {
   void refuseOpening(const std::string& path, std::string reason = "permission denied");
   void failReadsFrom(const std::string& path, uint64_t offset);  // a read reaching `offset` fails
   void putSpecial(const std::string& path);                      // neither file nor folder, a FIFO say
-  void setModified(const std::string& path, int64_t modifiedNs);
   // Called, outside the lock, before every read of every file.
   void onRead(std::function<void(const std::string& path)> hook);
 

@@ -84,15 +84,6 @@ TEST(RawTranscriptLineTest, NullIsAbsentAndUnreadKeysAreIgnored) {
   EXPECT_EQ(line.message->usage->inputTokens, 1);
   EXPECT_TRUE(line.failedKeys.empty());
 
-  line = decoded(R"({"typ\u0065":"assistant","isSidechain":true,"compactMetadata":{"trigger":"manual",
-      "preTokens":150000,"postTokens":9000},"aiTitle":"Fix","isApiErrorMessage":true})");
-  EXPECT_EQ(line.type, "assistant");
-  EXPECT_EQ(line.isSidechain, true);
-  EXPECT_EQ(line.compactMetadata->trigger, "manual");
-  EXPECT_EQ(line.compactMetadata->preTokens, 150000);
-  EXPECT_EQ(line.compactMetadata->postTokens, 9000);
-  EXPECT_EQ(line.aiTitle, "Fix");
-  EXPECT_EQ(line.isApiErrorMessage, true);
 }
 
 TEST(RawTranscriptLineTest, EachReaderSeesTheBlockListItsOwnKeysAllow) {
@@ -131,18 +122,11 @@ TEST(RawTranscriptLineTest, EachReaderSeesTheBlockListItsOwnKeysAllow) {
   line = decoded(R"({"message":{"content":{"text":"hi"}}})");
   EXPECT_FALSE(line.message->contentText || line.message->blocks);
 
-  // Blocks are read whole whatever a block holds besides; images are
-  // measured once, at decoding.
-  line = decoded(R"({"message":{"content":[{"type":"tool_use","id":"t1","name":"Read",
-      "input":{"file_path":"/a/b.txt","limit":20}},{"type":"image","source":{"data":"QUJDRA==","media_type":1}},
-      {"type":"document","source":{"data":"QUJD"}},{"type":"tool_result","tool_use_id":"t1","is_error":true}]}})");
-  const auto& blocks = *contentFor(line, tools);
-  ASSERT_EQ(blocks.size(), 4u);
-  EXPECT_EQ(blocks[0].input->filePath, "/a/b.txt");
-  EXPECT_FALSE(blocks[0].input->command.has_value());
-  EXPECT_EQ(blocks[1].source->dataCharacters, 8);
-  EXPECT_EQ(blocks[2].source->dataCharacters, 0);
-  EXPECT_EQ(blocks[3].isError, true);
+  // Images alone are measured, once, at decoding: Base64 runs to megabytes.
+  line = decoded(R"({"message":{"content":[{"type":"image","source":{"data":"QUJDRA==","media_type":1}},
+      {"type":"document","source":{"data":"QUJD"}}]}})");
+  EXPECT_EQ((*line.message->blocks)[0].source->dataCharacters, 8);
+  EXPECT_EQ((*line.message->blocks)[1].source->dataCharacters, 0);
 }
 
 TEST(RawTranscriptLineTest, ToolResultContentNeverFails) {
