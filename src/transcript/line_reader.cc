@@ -117,6 +117,23 @@ void LineReader::fill() {
   position_ += n.value();
 }
 
+void LineReader::skipRestOfLine(uint64_t notBeyond) {
+  for (;;) {
+    if (end_ > begin_) {
+      char* base = buffer_.get();
+      const void* nl = std::memchr(base + begin_, '\n', end_ - begin_);
+      scanned_ = 0;
+      if (nl != nullptr) {
+        begin_ = static_cast<size_t>(static_cast<const char*>(nl) - base) + 1;
+        return;
+      }
+      begin_ = end_;
+    }
+    if (position_ >= notBeyond || atEOF_ || !file_) return;
+    fill();
+  }
+}
+
 std::optional<std::string_view> LineReader::nextLine() {
   for (;;) {
     char* base = buffer_.get();
@@ -132,7 +149,8 @@ std::optional<std::string_view> LineReader::nextLine() {
       scanned_ = end_ - begin_;
     }
     if (atEOF_ || !file_) {
-      if (begin_ == end_ || wholeLinesOnly_) return std::nullopt;
+      // A stop cuts the reading where it is: what is held is no whole line.
+      if (begin_ == end_ || wholeLinesOnly_ || stopped_) return std::nullopt;
       std::string_view line(base + begin_, end_ - begin_);
       begin_ = end_;
       scanned_ = 0;

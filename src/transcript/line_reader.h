@@ -58,6 +58,12 @@ class LineReader {
   // read error ends the reading; `failure()` then says what it was.
   [[nodiscard]] std::optional<std::string_view> nextLine();
 
+  // Passes over the rest of the line under way, up to its line feed, without
+  // holding it: a reader that starts inside a line of hundreds of megabytes
+  // must not gather what it drops. Gives up once the offset `notBeyond` is
+  // read past; nextLineOffset() then says how far it went.
+  void skipRestOfLine(uint64_t notBeyond);
+
   // Closes the file; later calls of nextLine give nothing.
   void close();
 

@@ -44,9 +44,10 @@ struct SliceReading {
 Result<LineReader> openSlice(FileSystem& fs, const std::string& path, const FileSlice& slice, size_t chunkBytes) {
   if (slice.begin == 0) return LineReader::open(fs, path, 0, chunkBytes);
   // Start one byte early: the line that holds that byte began in an earlier
-  // slice (or ends right there), so it is dropped.
+  // slice (or ends right there), so it is dropped, and not gathered: a line
+  // longer than many slices would be read again by each of them.
   auto reader = LineReader::open(fs, path, slice.begin - 1, chunkBytes);
-  if (reader) (void)reader.value().nextLine();
+  if (reader) reader.value().skipRestOfLine(slice.end);
   return reader;
 }
 
