@@ -108,24 +108,31 @@ TEST(LiveEngineTest, ParserAlarmTripsAboveFivePercent) {
   }
 }
 
-class StopAfterFirstFile final : public ShutdownSignalSource {
+// Asks for a stop once it has been asked `after` times.
+class StopAfter final : public ShutdownSignalSource {
  public:
-  mutable int asked = 0;
-  bool isRequested() const override { return ++asked > 1; }
+  explicit StopAfter(int after) : after_(after) {}
+  bool isRequested() const override { return ++asked_ > after_; }
+
+ private:
+  int after_;
+  mutable int asked_ = 0;
 };
 
-TEST(LiveEngineTest, ShutdownStopsAtAFileBoundaryAndStillPrunesBurns) {
+TEST(LiveEngineTest, AStopIsHeardBetweenLinesAndTheNextPollGoesOnFromThere) {
   LiveTree tree;
-  tree.append("p/a.jsonl", {turn("2026-02-01T10:00:00Z", "old", 10), turn("2026-03-10T10:00:00Z", "a1", 10)});
+  const std::string old = turn("2026-02-01T10:00:00Z", "old", 10);
+  tree.append("p/a.jsonl", {old, turn("2026-03-10T10:00:00Z", "a1", 10)});
   tree.append("p/b.jsonl", {turn("2026-03-10T10:00:00Z", "b1", 10)});
-  StopAfterFirstFile stop;
+  StopAfter stop(3);  // the poll's look before the file, the file's own, then one line
   EXPECT_EQ(tree.engine.poll(tree.dir.str(), kNow, &stop), std::set<std::string>{"a"});
+  EXPECT_EQ(tree.engine.fileOffsets().at(tree.path("p/a.jsonl")), static_cast<int64_t>(old.size() + 1));
   EXPECT_FALSE(tree.engine.fileOffsets().contains(tree.path("p/b.jsonl")));
-  // The burn of 1 February is more than 32 days old and is gone.
-  ASSERT_EQ(tree.engine.recentBurns().size(), 1u);
-  EXPECT_EQ(tree.engine.recentBurns()[0].timestamp, at("2026-03-10T10:00:00Z"));
-  // The next poll picks up where it stopped.
-  EXPECT_EQ(tree.poll(kNow), std::set<std::string>{"b"});
+  EXPECT_EQ(tree.engine.todayTurns(), 0);
+  // The burn of 1 February was folded, and is gone: more than 32 days old.
+  EXPECT_TRUE(tree.engine.recentBurns().empty());
+  // The next poll picks up where it stopped, and counts nothing twice.
+  EXPECT_EQ(tree.poll(kNow), (std::set<std::string>{"a", "b"}));
   EXPECT_EQ(tree.engine.todayTurns(), 2);
   // A burn exactly 32 days old goes; one a millisecond younger stays.
   tree.append("p/c.jsonl", {turn("2026-02-06T12:00:00.000Z", "c1", 10), turn("2026-02-06T12:00:00.001Z", "c2", 10)});

@@ -49,7 +49,7 @@ std::set<std::string> LiveEngine::poll(const std::string& root, InstantMs now,
       noteUnsized(file.path, unreadable);
       continue;
     }
-    if (readFile(file, *size, now, offsetHint, gathered, unreadable)) touched.insert(file.sessionId);
+    if (readFile(file, *size, now, offsetHint, gathered, unreadable, shutdownSignal)) touched.insert(file.sessionId);
   }
   fileSizes_->endPoll();
   unreadable_ = std::move(unreadable);
@@ -83,7 +83,8 @@ void LiveEngine::noteUnsized(const std::string& path, Unreadable& unreadable) {
 }
 
 bool LiveEngine::readFile(const TranscriptFile& file, int64_t size, InstantMs now, OffsetIterator& hint,
-                          const GatheredLines* gathered, Unreadable& unreadable) {
+                          const GatheredLines* gathered, Unreadable& unreadable,
+                          const ShutdownSignalSource* shutdownSignal) {
   // Discovery lists files mostly in the order of the map, so the entry after
   // the last one found is tried before a search.
   auto stored = hint != fileOffsets_.end() ? std::next(hint) : fileOffsets_.begin();
@@ -97,6 +98,7 @@ bool LiveEngine::readFile(const TranscriptFile& file, int64_t size, InstantMs no
   auto lastSize = sizeAtLastRead_.find(file.path);
   if (start == storedOffset && lastSize != sizeAtLastRead_.end() && lastSize->second == size) return false;
   bool yielded = false;
+  bool cutShort = false;  // by a stop or a failed read: the rest is read next poll
   int64_t offset = start;
   FileRecords records;
   auto served = start == 0 && gathered != nullptr ? gathered->serve(file.path, size) : std::nullopt;
@@ -113,6 +115,10 @@ bool LiveEngine::readFile(const TranscriptFile& file, int64_t size, InstantMs no
     });
     offset = static_cast<int64_t>(served->wholeLinesEnd);
   } else {
+    // A gathering cut short by a stop serves nothing: the file is not read
+    // again in its place.
+    const auto stopping = [shutdownSignal] { return shutdownSignal != nullptr && shutdownSignal->isRequested(); };
+    if (stopping()) return false;
     // A small rest (often a torn last line read again) needs no whole
     // chunk.
     const auto chunk =
@@ -123,7 +129,11 @@ bool LiveEngine::readFile(const TranscriptFile& file, int64_t size, InstantMs no
       return false;
     }
     TailReader& reader = opened.value();
-    while (auto raw = reader.nextLine()) {
+    // A stop is heard between lines, so the offset stays behind a line
+    // that was folded.
+    while (!stopping()) {
+      auto raw = reader.nextLine();
+      if (!raw) break;
       yielded = true;
       // The parser repairs invalid UTF-8 itself, so raw bytes are trimmed
       // here; Zs and tab are whole scalars either way.
@@ -139,14 +149,18 @@ bool LiveEngine::readFile(const TranscriptFile& file, int64_t size, InstantMs no
       }
     }
     offset = reader.offset();
+    cutShort = stopping() || reader.failure().has_value();
     if (reader.failure()) unreadable.note(*reader.failure());
     reader.close();
   }
   fileOffsets_[file.path] = offset;
-  if (lastSize != sizeAtLastRead_.end())
+  if (cutShort) {
+    if (lastSize != sizeAtLastRead_.end()) sizeAtLastRead_.erase(lastSize);
+  } else if (lastSize != sizeAtLastRead_.end()) {
     lastSize->second = size;
-  else
+  } else {
     sizeAtLastRead_.emplace(file.path, size);
+  }
   if (offset != start) isDirty_ = true;
   return yielded;
 }

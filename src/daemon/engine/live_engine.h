@@ -260,10 +260,10 @@ class LiveEngine {
  private:
   void rollOverDay(InstantMs now);
   // Reads and folds the new lines of `file`, now `size` bytes long; true
-  // when it yielded a line.
+  // when it yielded a line. A stop ends the reading after a whole line.
   using OffsetIterator = std::map<std::string, int64_t>::iterator;
   bool readFile(const TranscriptFile& file, int64_t size, InstantMs now, OffsetIterator& hint,
-                const GatheredLines* gathered, Unreadable& unreadable);
+                const GatheredLines* gathered, Unreadable& unreadable, const ShutdownSignalSource* shutdownSignal);
   // Notes why a listed file has no size: it is no regular file, or cannot
   // be looked at.
   void noteUnsized(const std::string& path, Unreadable& unreadable);
