@@ -163,13 +163,82 @@ TEST(OstlerdTest, FollowsAGrowingTreeStopsCleanlyAndRestartsFromItsState) {
   }
 }
 
-TEST(OstlerdTest, UsageErrorsExitTwoWithOneLine) {
-  for (const char* args : {"--interval -1", "--no-such-flag"}) {
+// A feed it could never write is an error at start, not a silent run.
+TEST(OstlerdTest, UsageErrorsExitTwoAndAFeedWithNowhereToGoExitsOne) {
+  TempDir dir;
+  const std::string root = " --root '" + dir.str() + "'";
+  for (auto [args, status] : std::vector<std::pair<std::string, int>>{
+           {"--interval -1", 2},
+           {"--no-such-flag", 2},
+           {"--root ''", 2},
+           {root + " --feed '" + dir.str() + "/nope/sub/feed.json'", 1},
+           {root + " --feed '" + dir.str() + "'", 1},
+       }) {
     std::string out;
-    EXPECT_EQ(testing::runCommand("'" OSTLER_BIN_DIR "/ostlerd' " + std::string(args) + " 2>&1", &out), 2) << args;
+    EXPECT_EQ(testing::runCommand("'" OSTLER_BIN_DIR "/ostlerd' " + args + " 2>&1", &out), status) << args;
     EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1) << out;
     EXPECT_EQ(out.rfind("ostlerd: ", 0), 0u) << out;
   }
+}
+
+// FIFOs, a device and a folder named like transcripts are passed over and
+// counted in the feed; none of them holds up the reading or the shutdown.
+TEST(OstlerdTest, PassesOverWhatItCannotReadAndStopsAtOnce) {
+  TempDir dir;
+  const fs::path root = dir.path() / "projects";
+  const int64_t unreadable = testing::makeHostileTree(root);
+  const fs::path feedPath = dir.path() / "feed.json";
+  const fs::path log = dir.path() / "log";
+  RunningDaemon daemon({"--root", root.string(), "--feed", feedPath.string(), "--state",
+                        (dir.path() / "state" / "engine.json").string(), "--interval", "0.2"},
+                       log);
+  ASSERT_TRUE(daemon.started());
+  auto feed = waitForFeed(feedPath, Seconds(60), [](const Feed&) { return true; });
+  ASSERT_TRUE(feed) << testing::readFile(log);
+  EXPECT_EQ(feed->diagnostics.unreadable_files, unreadable);
+  EXPECT_GT(feed->today.turns + static_cast<int64_t>(feed->sessions_all.size()), 0) << "the good files were read";
+  EXPECT_EQ(daemon.terminate(Seconds(1)), 0) << testing::readFile(log);
+  const std::string said = testing::readFile(log);
+  EXPECT_NE(said.find("ostlerd: " + std::to_string(unreadable) + " files could not be read (first: " +
+                      (root / "-home-ana-code-infra" / "d.jsonl").string() + ": "),
+            std::string::npos)
+      << said;
+}
+
+// A feed that cannot be written is said when it starts failing and when it
+// is written again, not at every tick between.
+TEST(OstlerdTest, AFeedFolderThatGoesAndComesBackIsSaidOnceEachWay) {
+  TempDir dir;
+  const fs::path root = dir.path() / "projects";
+  fs::copy(testing::sourceDir() / "samples" / "projects", root, fs::copy_options::recursive);
+  const fs::path out = dir.path() / "out";
+  fs::create_directories(out);
+  const fs::path feedPath = out / "feed.json";
+  const fs::path log = dir.path() / "log";
+  RunningDaemon daemon({"--root", root.string(), "--feed", feedPath.string(), "--state",
+                        (dir.path() / "state" / "engine.json").string(), "--interval", "0.1"},
+                       log);
+  ASSERT_TRUE(daemon.started());
+  ASSERT_TRUE(waitForFeed(feedPath, Seconds(60), [](const Feed&) { return true; })) << testing::readFile(log);
+
+  fs::remove_all(out);
+  const auto said = [&](const std::string& words) {
+    const std::string text = testing::readFile(log);
+    size_t n = 0;
+    for (size_t at = text.find(words); at != std::string::npos; at = text.find(words, at + 1)) ++n;
+    return n;
+  };
+  const auto waitToSay = [&](const std::string& words) {
+    for (int i = 0; i < 500 && said(words) == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    return said(words) > 0;
+  };
+  ASSERT_TRUE(waitToSay("; trying again")) << testing::readFile(log);
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));  // five more ticks that fail
+  fs::create_directories(out);
+  ASSERT_TRUE(waitForFeed(feedPath, Seconds(10), [](const Feed&) { return true; })) << testing::readFile(log);
+  ASSERT_TRUE(waitToSay("ostlerd: the feed is written again\n")) << testing::readFile(log);
+  EXPECT_EQ(said("; trying again"), 1u) << testing::readFile(log);
+  EXPECT_EQ(daemon.terminate(Seconds(10)), 0) << testing::readFile(log);
 }
 
 }  // namespace

@@ -1,8 +1,10 @@
 // The `ostler receipt` command, run as a user runs it.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -123,6 +125,46 @@ TEST(OstlerCliTest, PrintsTheReceiptAsTextOrJsonAndWritesTheLoops) {
                                       {"last_image_timestamp", at(4)},
                                       {"file_count", 1}}});
   EXPECT_EQ(loops, expected);
+}
+
+// Only regular files are read: FIFOs, a device and a folder named like
+// transcripts are passed over and counted, and a chat still being written is
+// read up to the size it had, so the receipt comes whatever the tree holds.
+TEST(OstlerCliTest, ReadsOnlyRegularFilesAndSaysWhatItCouldNotRead) {
+  TempDir dir;
+  const std::filesystem::path root = dir.path() / "projects";
+  const int64_t unreadable = makeHostileTree(root);
+  const std::filesystem::path growing = root / "-home-ana-code-infra" / "growing.jsonl";
+  std::atomic<int> written = 0;
+  const auto writeOne = [&] {
+    const int i = written;
+    appendFile(growing, assistant("grow-" + std::to_string(i), "claude-sonnet-4-5", {.output = 100}, at(i)).dump() + "\n");
+    written = i + 1;
+  };
+  while (written < 50) writeOne();
+  std::atomic<bool> done = false;
+  std::thread writer([&] {
+    while (!done) {
+      writeOne();
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  });
+  const Outcome o = ostler("receipt --json --root " + quoted(root.string()));
+  done = true;
+  writer.join();
+
+  ASSERT_EQ(o.status, 0) << o.err;
+  const std::string first = (root / "-home-ana-code-infra" / "d.jsonl").string();
+  EXPECT_EQ(o.err.rfind("ostler: " + std::to_string(unreadable) + " files could not be read (first: " + first + ": ", 0),
+            0u)
+      << o.err;
+  EXPECT_EQ(linesOf(o.err).size(), 1u) << o.err;
+  const Outcome samples = ostler("receipt --json --root " + quoted((sourceDir() / "samples" / "projects").string()));
+  ASSERT_EQ(samples.status, 0) << samples.err;
+  const int64_t sampleTurns = json::parse(samples.out)["totals"]["turns"];
+  const int64_t turns = json::parse(o.out)["totals"]["turns"];
+  EXPECT_GE(turns, sampleTurns + 50);
+  EXPECT_LE(turns, sampleTurns + written);
 }
 
 }  // namespace

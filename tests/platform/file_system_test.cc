@@ -122,5 +122,42 @@ TEST(SystemFileSystemTest, AReplacementShowsOnlyOnCommitAndAFailureLeavesTheFile
   EXPECT_FALSE(fs.makeDirectories(path, 0700).ok());  // a file stands there
 }
 
+// In a folder every user writes to, a folder of ours may have been made
+// first by someone else: it is used only when it is ours and shut to others.
+TEST(PrivateDirectoryTest, IsMadeShutAndRefusedWhenOthersCouldReachIn) {
+  TempDir dir;
+  const auto mode = [](const std::filesystem::path& p) {
+    struct stat st;
+    return ::lstat(p.c_str(), &st) == 0 ? st.st_mode & 0777 : 01000u;
+  };
+  const auto made = dir.path() / "made";
+  ASSERT_TRUE(makePrivateDirectory(made.string()).ok());
+  EXPECT_EQ(mode(made), 0700u);
+  EXPECT_TRUE(makePrivateDirectory(made.string()).ok()) << "ours already";
+
+  const auto refusal = [](const std::filesystem::path& p) {
+    const Status s = makePrivateDirectory(p.string());
+    return s.ok() ? std::string("accepted") : s.error().message;
+  };
+  const auto open = dir.path() / "open";
+  std::filesystem::create_directory(open);
+  ::chmod(open.c_str(), 0777);
+  EXPECT_EQ(refusal(open), "refusing " + open.string() + ": others may write to it");
+  EXPECT_EQ(mode(open), 0777u) << "left as it was found";
+  const auto link = dir.path() / "link";
+  std::filesystem::create_directory_symlink(made, link);
+  EXPECT_EQ(refusal(link), "refusing " + link.string() + ": not a folder of its own");
+  writeFile(dir.path() / "file", "");
+  EXPECT_EQ(refusal(dir.path() / "file"), "refusing " + (dir.path() / "file").string() + ": not a folder of its own");
+  EXPECT_NE(refusal(dir.path() / "no" / "parent"), "accepted");
+  if (::geteuid() == 0) {
+    const auto theirs = dir.path() / "theirs";
+    std::filesystem::create_directory(theirs);
+    ::chmod(theirs.c_str(), 0700);
+    ASSERT_EQ(::chown(theirs.c_str(), 65534, 65534), 0);
+    EXPECT_EQ(refusal(theirs), "refusing " + theirs.string() + ": it belongs to another user");
+  }
+}
+
 }  // namespace
 }  // namespace ostler

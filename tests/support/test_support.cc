@@ -2,6 +2,7 @@
 
 #include "support/fake_file_system.h"
 
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -79,6 +80,20 @@ int runCommand(const std::string& command, std::string* output) {
     if (output != nullptr) output->append(buf.data(), n);
   int status = pclose(pipe);
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+int64_t makeHostileTree(const std::filesystem::path& root) {
+  namespace fs = std::filesystem;
+  fs::copy(sourceDir() / "samples" / "projects", root, fs::copy_options::recursive);
+  const fs::path project = root / "-home-ana-code-infra";
+  fs::create_directories(project / "s" / "subagents");
+  ::mkfifo((project / "x.jsonl").c_str(), 0644);
+  ::mkfifo((project / "s" / "subagents" / "agent-x.jsonl").c_str(), 0644);
+  fs::create_symlink("/dev/zero", project / "y.jsonl");
+  fs::create_directories(project / "d.jsonl");
+  writeFile(project / "locked.jsonl", "");
+  fs::permissions(project / "locked.jsonl", fs::perms::none);
+  return ::geteuid() == 0 ? 4 : 5;
 }
 
 bool generateTree(const std::filesystem::path& out, const std::vector<std::string>& args) {

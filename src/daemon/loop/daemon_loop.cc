@@ -59,7 +59,7 @@ int runForever(const DaemonOptions& options, const ShutdownSignalSource& shutdow
   if (&fs == &systemFileSystem()) engine.setFileSizeSource(makeWatchingFileSizes());
   FeedWriter writer(fs, options.feedPath, kFeedMinIntervalSeconds, services.clock);
   auto state = std::make_shared<TickState>();
-  state->feedNotice = FailureNotice(services.log, "; trying again every second", "the feed is written again");
+  state->feedNotice = FailureNotice(services.log, "; trying again", "the feed is written again");
   state->stateNotice =
       FailureNotice(services.log, "; the engine goes on, and saves again at its next change", "the state is saved again");
 
