@@ -8,8 +8,8 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <mutex>
 #include <filesystem>
+#include <mutex>
 #include <thread>
 
 #include "daemon/state/persisted_state.h"
@@ -50,9 +50,7 @@ class ManualQueue final : public BackgroundQueue {
 class RecordingScheduler final : public CloseoutScheduling {
  public:
   std::vector<std::string> paths;
-  void pollIfDue(const std::string&, const std::string& path, InstantMs, InstantMs) override {
-    paths.push_back(path);
-  }
+  void pollIfDue(const std::string&, const std::string& path, InstantMs, InstantMs) override { paths.push_back(path); }
 };
 
 class CountingNames final : public NamesPublishing {
@@ -90,12 +88,13 @@ struct Harness {
   NoMacAiSessions macAi;
   ManualQueue queue;
   ConfigFiles configFiles;
-  DaemonOptions options = DaemonDefaults::options({dir.str(), {}, {}, {}}, (dir.path() / "projects").string(),
-                                                  (dir.path() / "feed.json").string(), 1.0,
-                                                  (dir.path() / "state" / "state.json").string());
+  DaemonOptions options =
+      DaemonDefaults::options({dir.str(), {}, {}, {}}, (dir.path() / "projects").string(),
+                              (dir.path() / "feed.json").string(), 1.0, (dir.path() / "state" / "state.json").string());
 
-  [[nodiscard]] Daemon::Services services() {
-    return {systemFileSystem(), clock, idle, stores, scheduler, names, macAi, queue, configFiles, nullptr};
+  [[nodiscard]] Daemon::Services services() { return services(systemFileSystem(), queue); }
+  [[nodiscard]] Daemon::Services services(FileSystem& fs, BackgroundQueue& jobs) {
+    return {fs, clock, idle, stores, scheduler, names, macAi, jobs, configFiles, nullptr};
   }
   [[nodiscard]] fs::path transcript() const { return fs::path(options.root) / "p" / "a.jsonl"; }
 };
@@ -247,8 +246,8 @@ struct Ticking : Harness {
     state->lastEqualityDiagnostics = FeedDiagnosticsEquality{true, 0, ISO8601::fractional(kNow), 2.0, 2};
   }
   Daemon::TickOutcome tick(double secondsAfterStart, bool stop = false) {
-    return Daemon::runForeverTick(engine, writer, options, state, [stop] { return stop; },
-                                  kNow + int64_t(secondsAfterStart * 1000), services());
+    return Daemon::runForeverTick(
+        engine, writer, options, state, [stop] { return stop; }, kNow + int64_t(secondsAfterStart * 1000), services());
   }
   [[nodiscard]] Feed readFeed() const { return decodeFeedJSON(readFile(options.feedPath)).value(); }
 };
@@ -387,15 +386,11 @@ TEST(RecomputeTest, AStopEndsARecomputeInFlightWithinItsReading) {
   Harness h;
   h.options.root = "/r";
   ThreadQueue queue;
-  Daemon::Services services = h.services();
-  Daemon::Services withFake{fake,           services.clock, services.idle, services.closeoutStores,
-                            services.closeoutScheduler, services.names, services.macAi, queue,
-                            services.configFiles, nullptr};
   LiveEngine engine(fake, h.options.pricing, "UTC");
   auto state = std::make_shared<Daemon::TickState>();
   const auto before = std::make_shared<const Odometer::Bundle>();
   state->odometerBundle = before;
-  ASSERT_TRUE(Daemon::startOdometerRecomputeIfDue(engine, h.options, state, kNow, true, withFake));
+  ASSERT_TRUE(Daemon::startOdometerRecomputeIfDue(engine, h.options, state, kNow, true, h.services(fake, queue)));
   {
     std::unique_lock lock(mutex);
     tenth.wait(lock, [&] { return reads >= 10; });
