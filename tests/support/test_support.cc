@@ -91,7 +91,8 @@ int64_t makeHostileTree(const std::filesystem::path& root) {
   ::mkfifo((project / "s" / "subagents" / "agent-x.jsonl").c_str(), 0644);
   fs::create_symlink("/dev/zero", project / "y.jsonl");
   fs::create_directories(project / "d.jsonl");
-  writeFile(project / "locked.jsonl", "");
+  writeFile(project / "locked.jsonl",
+            R"({"type":"user","timestamp":"2026-11-01T10:00:00Z","message":{"role":"user","content":"hi"}})" "\n");
   fs::permissions(project / "locked.jsonl", fs::perms::none);
   return ::geteuid() == 0 ? 4 : 5;
 }

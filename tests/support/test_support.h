@@ -62,9 +62,9 @@ bool generateTree(const std::filesystem::path& out, const std::vector<std::strin
 
 // The sample tree copied to `root`, with what a reader must pass over
 // beside it: FIFOs named like transcripts (in a project folder and among a
-// chat's agents), a link to /dev/zero, a folder named `d.jsonl` and an empty
-// file no one may read. The count of those that cannot be read by this
-// process (who may be root, for whom the locked file is readable).
+// chat's agents), a link to /dev/zero, a folder named `d.jsonl` and a file
+// of one user line that no one may read. The count of those that this
+// process cannot read (root may read the locked file).
 int64_t makeHostileTree(const std::filesystem::path& root);
 
 // Runs a shell command, capturing standard output; returns the exit status.
