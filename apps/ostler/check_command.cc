@@ -65,8 +65,7 @@ int runCheck(const CheckFlags& flags) {
 
   const std::string home = environmentVariable("HOME").value_or("");
   FileSystemExistence fm(fs);
-  const Checks::Verdict verdict =
-      Checks::grade(document, flags.root, home, lines.value(), flags.c2Threshold, fm);
+  const Checks::Verdict verdict = Checks::grade(document, flags.root, home, lines.value(), flags.c2Threshold, fm);
   if (flags.json) {
     auto json = verdict.encodedJSON(/*pretty=*/true);
     if (!json) return unreadable(json.error().message);

@@ -19,12 +19,12 @@ class App;
 namespace ostler {
 
 struct CheckFlags {
-  std::string handoff;                     // the handoff's Markdown text
-  std::string transcript;                  // the chat's JSONL transcript
-  std::string root;                        // the project folder relative paths are taken against
-  std::optional<std::string> docUpdates;   // a list of doc updates, or a whole closeout document
-  std::optional<int64_t> c2Threshold;      // files C2 needs named, instead of min(3, qualifying)
-  bool json = false;                       // print the verdict as JSON
+  std::string handoff;                    // the handoff's Markdown text
+  std::string transcript;                 // the chat's JSONL transcript
+  std::string root;                       // the project folder relative paths are taken against
+  std::optional<std::string> docUpdates;  // a list of doc updates, or a whole closeout document
+  std::optional<int64_t> c2Threshold;     // files C2 needs named, instead of min(3, qualifying)
+  bool json = false;                      // print the verdict as JSON
 };
 
 // Registers the `check` subcommand on `app`, its flags landing in `flags`.

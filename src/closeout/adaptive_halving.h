@@ -46,14 +46,11 @@ template <typename T>
 void visit(std::string_view text, int64_t floorWords, const Attempt<T>& attempt, Outcome<T>& out) {
   ChunkAttemptOutcome<T> outcome = attempt(text);
   switch (outcome.kind) {
-    case ChunkAttemptOutcome<T>::Kind::kSuccess:
-      out.results.push_back(std::move(*outcome.value));
-      return;
+    case ChunkAttemptOutcome<T>::Kind::kSuccess: out.results.push_back(std::move(*outcome.value)); return;
     case ChunkAttemptOutcome<T>::Kind::kOtherFailure:
       out.failures.push_back({std::string(text), std::move(outcome.reason)});
       return;
-    case ChunkAttemptOutcome<T>::Kind::kTooLarge:
-      break;
+    case ChunkAttemptOutcome<T>::Kind::kTooLarge: break;
   }
   const int64_t words = WordSplit::wordCount(text);
   if (words <= floorWords) {

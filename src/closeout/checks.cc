@@ -142,8 +142,8 @@ CheckResult c3Schema(const CloseoutDocument& document, std::string_view root, st
       problems.push_back("FILES TOUCHED has no valid path line (only empty/'.'/'./'/bare-directory entries)");
   }
   r.pass = problems.empty();
-  r.detail = r.pass ? "all four sections present, floors met, FILES TOUCHED has a valid path line"
-                    : joined(problems, "; ");
+  r.detail =
+      r.pass ? "all four sections present, floors met, FILES TOUCHED has a valid path line" : joined(problems, "; ");
   return r;
 }
 
@@ -179,8 +179,7 @@ bool overallPass(std::span<const CheckResult> results) {
 }
 
 Verdict grade(const CloseoutDocument& document, std::string_view root, std::string_view home,
-              std::span<const TranscriptLine> transcriptLines, std::optional<int64_t> c2Threshold,
-              FileExistence& fm) {
+              std::span<const TranscriptLine> transcriptLines, std::optional<int64_t> c2Threshold, FileExistence& fm) {
   Verdict v;
   v.c1 = c1PathExistence(document, root, home, fm);
   v.c2 = c2Coverage(document, transcriptLines, root, home, c2Threshold, kCoverageTop);

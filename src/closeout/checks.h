@@ -75,8 +75,7 @@ inline constexpr double kMinDistinctRatio = 0.3;
 
 // C4: the handoff has `min` to `max` words, both included, and a distinct
 // word ratio of at least `minDistinctRatio`.
-[[nodiscard]] CheckResult c4Bounds(const CloseoutDocument& document, int64_t min, int64_t max,
-                                   double minDistinctRatio);
+[[nodiscard]] CheckResult c4Bounds(const CloseoutDocument& document, int64_t min, int64_t max, double minDistinctRatio);
 
 // Distinct words over words, after lower-casing; 0 for text without words.
 [[nodiscard]] double distinctWordRatio(std::string_view text);

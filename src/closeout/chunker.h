@@ -16,7 +16,7 @@ namespace ostler::Chunker {
 
 // How much text a model's window takes.
 struct Budget {
-  int64_t contextSize = 0;       // the model's context window, in tokens
+  int64_t contextSize = 0;        // the model's context window, in tokens
   double reserveFraction = 0.15;  // share of the window held back for the prompt and the answer
   int64_t reserveFloor = 300;     // least number of tokens held back
   double wordsPerToken = 0.75;    // words assumed per token

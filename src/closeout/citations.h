@@ -30,15 +30,14 @@ struct MissingToken {
 // "/", when the form of its text without those slashes is a folder; else
 // when it holds path tokens and each token (its "~" reattached) is on disk.
 struct Probe {
-  int64_t attempts = 0;        // canonical forms tested, one per token
-  bool foundDirectly = false;  // the first or the second attempt found it
+  int64_t attempts = 0;                     // canonical forms tested, one per token
+  bool foundDirectly = false;               // the first or the second attempt found it
   std::vector<std::string> tokens;          // path tokens, when it came to them
   std::vector<MissingToken> missingTokens;  // of those, the ones not on disk, in order
 
   [[nodiscard]] bool found() const { return foundDirectly || (!tokens.empty() && missingTokens.empty()); }
 };
 
-[[nodiscard]] Probe probe(std::string_view citation, std::string_view root, std::string_view home,
-                          FileExistence& fm);
+[[nodiscard]] Probe probe(std::string_view citation, std::string_view root, std::string_view home, FileExistence& fm);
 
 }  // namespace ostler::Citations

@@ -64,8 +64,7 @@ struct CloseoutDocument {
   friend bool operator==(const CloseoutDocument&, const CloseoutDocument&) = default;
 
   // The section names, as written after "## ".
-  static constexpr std::array<std::string_view, 4> kRequiredSections = {"STATE", "DECISIONS", "NEXT",
-                                                                       "FILES TOUCHED"};
+  static constexpr std::array<std::string_view, 4> kRequiredSections = {"STATE", "DECISIONS", "NEXT", "FILES TOUCHED"};
 
   // The four bodies, each trimmed of white space and line ends, under their
   // headings, sections parted by an empty line.

@@ -36,10 +36,18 @@ class Fields {
   [[nodiscard]] Error error() const { return *error_; }
 
   // Required fields.
-  void string(const char* key, std::string& out) { required(key, [&](const json& v) { return getString(v, out); }); }
-  void integer(const char* key, int64_t& out) { required(key, [&](const json& v) { return getInteger(v, out); }); }
-  void number(const char* key, double& out) { required(key, [&](const json& v) { return getNumber(v, out); }); }
-  void boolean(const char* key, bool& out) { required(key, [&](const json& v) { return getBool(v, out); }); }
+  void string(const char* key, std::string& out) {
+    required(key, [&](const json& v) { return getString(v, out); });
+  }
+  void integer(const char* key, int64_t& out) {
+    required(key, [&](const json& v) { return getInteger(v, out); });
+  }
+  void number(const char* key, double& out) {
+    required(key, [&](const json& v) { return getNumber(v, out); });
+  }
+  void boolean(const char* key, bool& out) {
+    required(key, [&](const json& v) { return getBool(v, out); });
+  }
   template <typename Decode>
   void required(const char* key, Decode decode) {
     const json* v = find(key);
@@ -207,8 +215,12 @@ json toJSON(const Grounding::Result& g) {
     putOptional(item, "canonical", c.canonical);
     citations.push_back(std::move(item));
   }
-  return {{"name", g.name},           {"citations", std::move(citations)}, {"unverifiable", g.unverifiable},
-          {"pass", g.pass},           {"void", g.isVoid},                  {"detail", g.detail}};
+  return {{"name", g.name},
+          {"citations", std::move(citations)},
+          {"unverifiable", g.unverifiable},
+          {"pass", g.pass},
+          {"void", g.isVoid},
+          {"detail", g.detail}};
 }
 
 bool decodeCheckResult(const json* v, Checks::CheckResult& r) {
@@ -231,8 +243,7 @@ bool decodeGrounding(const json& v, Grounding::Result& g) {
   f.string("detail", g.detail);
   const json* citations = f.find("citations");
   const json* unverifiable = f.find("unverifiable");
-  if (!f.ok() || citations == nullptr || !citations->is_array() || unverifiable == nullptr ||
-      !unverifiable->is_array())
+  if (!f.ok() || citations == nullptr || !citations->is_array() || unverifiable == nullptr || !unverifiable->is_array())
     return false;
   for (const json& item : *citations) {
     Grounding::CitationVerdict& c = g.citations.emplace_back();

@@ -4,8 +4,8 @@
 
 namespace ostler {
 
-std::optional<CloseoutTailReader> CloseoutTailReader::open(FileSystem& fs, const std::string& path,
-                                                           int64_t startOffset, size_t chunkSize) {
+std::optional<CloseoutTailReader> CloseoutTailReader::open(FileSystem& fs, const std::string& path, int64_t startOffset,
+                                                           size_t chunkSize) {
   auto reader = TailReader::open(fs, path, startOffset, chunkSize, kMaxBufferedBytes);
   if (!reader) return std::nullopt;
   return CloseoutTailReader(std::move(reader).value());

@@ -24,8 +24,8 @@ namespace ostler {
 
 class CloseoutTailReader {
  public:
-  static constexpr size_t kDefaultChunkSize = size_t{1} << 20;      // 1 MiB per read
-  static constexpr size_t kMaxBufferedBytes = size_t{64} << 20;     // 67,108,864: the longest line
+  static constexpr size_t kDefaultChunkSize = size_t{1} << 20;   // 1 MiB per read
+  static constexpr size_t kMaxBufferedBytes = size_t{64} << 20;  // 67,108,864: the longest line
 
   struct Line {
     std::string text;       // without its line feed
@@ -39,8 +39,8 @@ class CloseoutTailReader {
   // opened for reading, which the pipeline takes for "nothing new". An
   // offset past the end reads nothing.
   [[nodiscard]] static std::optional<CloseoutTailReader> open(FileSystem& fs, const std::string& path,
-                                                             int64_t startOffset,
-                                                             size_t chunkSize = kDefaultChunkSize);
+                                                              int64_t startOffset,
+                                                              size_t chunkSize = kDefaultChunkSize);
 
   // Every whole line available, in order.
   [[nodiscard]] std::vector<Line> readAvailableLines();

@@ -20,9 +20,7 @@ ToolResultContent toolResultContentOf(const RawToolResultContent& raw) {
       out.blocks.reserve(raw.blocks.size());
       for (const RawToolResultBlock& b : raw.blocks) out.blocks.push_back({owned(b.text)});
       break;
-    case RawToolResultContent::Kind::kOther:
-      out.kind = ToolResultContent::Kind::kOther;
-      break;
+    case RawToolResultContent::Kind::kOther: out.kind = ToolResultContent::Kind::kOther; break;
   }
   return out;
 }
@@ -52,8 +50,7 @@ std::vector<const TranscriptContentBlock*> blocksOfType(const TranscriptContent&
 
 std::string ToolResultContent::plainText() const {
   switch (kind) {
-    case Kind::kText:
-      return text;
+    case Kind::kText: return text;
     case Kind::kBlocks: {
       std::string out;
       bool first = true;
@@ -65,8 +62,7 @@ std::string ToolResultContent::plainText() const {
       }
       return out;
     }
-    case Kind::kOther:
-      break;
+    case Kind::kOther: break;
   }
   return {};
 }

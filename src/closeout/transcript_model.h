@@ -52,8 +52,8 @@ struct ToolResultContent {
 struct TranscriptContentBlock {
   std::optional<std::string> type;
   std::optional<std::string> text;
-  std::optional<std::string> name;  // the tool's name, on "tool_use"
-  std::optional<ToolInput> input;   // on "tool_use"
+  std::optional<std::string> name;           // the tool's name, on "tool_use"
+  std::optional<ToolInput> input;            // on "tool_use"
   std::optional<ToolResultContent> content;  // on "tool_result"
   std::optional<std::string> id;             // on "tool_use"
   std::optional<std::string> toolUseId;      // tool_use_id, on "tool_result"

@@ -114,13 +114,13 @@ int64_t finalThirdStartIndex(int64_t lineCount) { return lineCount - lineCount /
 std::vector<EditedFile> topEditedFilesInFinalThird(std::span<const TranscriptLine> lines, int64_t top) {
   const int64_t start = finalThirdStartIndex(static_cast<int64_t>(lines.size()));
   std::map<std::string, int64_t> counts;
-  for (EditEvent& e : editEvents(lines.subspan(static_cast<size_t>(start))))
-    ++counts[std::move(e.filePath)];
+  for (EditEvent& e : editEvents(lines.subspan(static_cast<size_t>(start)))) ++counts[std::move(e.filePath)];
   std::vector<EditedFile> files;
   files.reserve(counts.size());
   for (auto& [path, count] : counts) files.push_back({path, count});
   // The map gives byte order; a stable sort keeps it among equal counts.
-  std::stable_sort(files.begin(), files.end(), [](const EditedFile& a, const EditedFile& b) { return a.count > b.count; });
+  std::stable_sort(files.begin(), files.end(),
+                   [](const EditedFile& a, const EditedFile& b) { return a.count > b.count; });
   if (top < static_cast<int64_t>(files.size())) files.resize(static_cast<size_t>(std::max<int64_t>(top, 0)));
   return files;
 }

@@ -10,8 +10,8 @@
 namespace ostler {
 namespace {
 
-constexpr size_t kNameColumn = 11;    // "GROUNDING" and two spaces
-constexpr size_t kStatusColumn = 6;   // "pass", "fail" or "void" and two spaces
+constexpr size_t kNameColumn = 11;   // "GROUNDING" and two spaces
+constexpr size_t kStatusColumn = 6;  // "pass", "fail" or "void" and two spaces
 
 // Columns taken by `s`: one per code point.
 size_t columns(std::string_view s) {
@@ -85,8 +85,8 @@ std::string renderVerdictText(const Checks::Verdict& verdict, size_t width) {
     const Grounding::Result& g = *verdict.grounding;
     appendEntry(out, g.name, statusOf(g.pass, g.isVoid), g.detail, width);
   }
-  appendEntry(out, "overall", verdict.overallPass ? "pass" : "fail",
-              "void checks and grounding are not counted", width);
+  appendEntry(out, "overall", verdict.overallPass ? "pass" : "fail", "void checks and grounding are not counted",
+              width);
   return out;
 }
 

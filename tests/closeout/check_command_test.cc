@@ -121,35 +121,34 @@ TEST(CheckCommandTest, PrintsOneEntryPerCheckWithin80Columns) {
   EXPECT_NE(fail.out.find("overall    fail"), std::string::npos);
 }
 
-TEST(CheckCommandTest, JsonVerdictWritesEveryKeyAndTakesDocUpdatesInBothShapes) {
+// Both shapes of doc updates are read by the library; here the flags reach
+// the checks: the update's path is cited, and the threshold replaces
+// min(3, qualifying).
+TEST(CheckCommandTest, JsonVerdictWritesEveryKeyAndTakesTheFlags) {
   Fixture f;
-  const std::string update = R"({"path":"docs/invented.md","rationale":"r","patch":"p"})";
-  testing::writeFile(f.dir.path() / "list.json", "[" + update + "]");
-  testing::writeFile(f.dir.path() / "doc.json", R"({"handoff":"ignored","doc_updates":[)" + update + "]}");
-  for (const char* file : {"list.json", "doc.json"}) {
-    const Outcome o = ostler(f.args() + " --json --c2-threshold 2 --doc-updates " + quoted(f.dir.str() + "/" + file),
-                             f.home());
-    EXPECT_EQ(o.status, 1) << file;
-    const auto v = nlohmann::json::parse(o.out, nullptr, false);
-    ASSERT_TRUE(v.is_object()) << o.out;
-    for (const char* check : {"c1", "c2", "c3", "c4"}) {
-      ASSERT_TRUE(v.contains(check)) << check;
-      for (const char* key : {"name", "pass", "detail", "void"}) EXPECT_TRUE(v[check].contains(key)) << check << key;
-    }
-    EXPECT_EQ(v["overall_pass"], false);
-    EXPECT_EQ(v["c1"]["detail"],
-              "missing: docs/invented.md (tokenized fallback missing: docs/invented.md)");
-    EXPECT_EQ(v["c2"]["detail"],
-              "top 2 by edit count: b.txt (1), src/a.txt (1); named in handoff: b.txt, src/a.txt; 2/2 threshold "
-              "(min(3, qualifying=2))");
-    EXPECT_EQ(v["grounding"]["name"], "GROUNDING");
-    EXPECT_EQ(v["grounding"]["citations"][0]["citation"], "docs/invented.md");
-    EXPECT_EQ(v["grounding"]["void"], false);
-    // Pretty-printed, keys sorted.
-    EXPECT_LT(o.out.find("\"c1\""), o.out.find("\"disclosure\""));
-    EXPECT_LT(o.out.find("\"grounding\""), o.out.find("\"overall_pass\""));
-    EXPECT_NE(o.out.find("\n  \"c1\": {\n    \"detail\""), std::string::npos);
+  testing::writeFile(
+      f.dir.path() / "doc.json",
+      R"({"handoff":"ignored","doc_updates":[{"path":"docs/invented.md","rationale":"r","patch":"p"}]})");
+  const Outcome o =
+      ostler(f.args() + " --json --c2-threshold 3 --doc-updates " + quoted(f.dir.str() + "/doc.json"), f.home());
+  EXPECT_EQ(o.status, 1);
+  const auto v = nlohmann::json::parse(o.out, nullptr, false);
+  ASSERT_TRUE(v.is_object()) << o.out;
+  for (const char* check : {"c1", "c2", "c3", "c4"}) {
+    ASSERT_TRUE(v.contains(check)) << check;
+    for (const char* key : {"name", "pass", "detail", "void"}) EXPECT_TRUE(v[check].contains(key)) << check << key;
   }
+  EXPECT_EQ(v["overall_pass"], false);
+  EXPECT_EQ(v["c1"]["detail"], "missing: docs/invented.md (tokenized fallback missing: docs/invented.md)");
+  EXPECT_EQ(v["c2"]["detail"],
+            "top 2 by edit count: b.txt (1), src/a.txt (1); named in handoff: b.txt, src/a.txt; 2/3 threshold "
+            "(min(3, qualifying=2))");
+  EXPECT_EQ(v["grounding"]["citations"][0]["citation"], "docs/invented.md");
+  EXPECT_EQ(v["grounding"]["void"], false);
+  // Pretty-printed, keys sorted.
+  EXPECT_LT(o.out.find("\"c1\""), o.out.find("\"disclosure\""));
+  EXPECT_LT(o.out.find("\"grounding\""), o.out.find("\"overall_pass\""));
+  EXPECT_NE(o.out.find("\n  \"c1\": {\n    \"detail\""), std::string::npos);
 }
 
 }  // namespace

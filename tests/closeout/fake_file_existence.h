@@ -1,10 +1,9 @@
 // A disk for the checks, held in memory: files and folders put by hand,
-// each file making the folders above it. Every path asked about is noted.
+// each file making the folders above it.
 #pragma once
 
 #include <set>
 #include <string>
-#include <vector>
 
 #include "closeout/file_existence.h"
 
@@ -23,19 +22,11 @@ class FakeFileExistence final : public FileExistence {
     return *this;
   }
 
-  bool exists(const std::string& path) override {
-    asked_.push_back(path);
-    return files_.contains(path) || folders_.contains(path);
-  }
-  bool isDirectory(const std::string& path) override {
-    asked_.push_back(path);
-    return folders_.contains(path);
-  }
-  [[nodiscard]] const std::vector<std::string>& asked() const { return asked_; }
+  bool exists(const std::string& path) override { return files_.contains(path) || folders_.contains(path); }
+  bool isDirectory(const std::string& path) override { return folders_.contains(path); }
 
  private:
   std::set<std::string> files_, folders_;
-  std::vector<std::string> asked_;
 };
 
 }  // namespace ostler::testing

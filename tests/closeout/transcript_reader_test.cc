@@ -74,8 +74,6 @@ TEST(TranscriptReaderTest, SkipsBlankAndBrokenPiecesAndKeepsOrder) {
   EXPECT_EQ(lines[0].type, "a");
   EXPECT_EQ(lines[1].type, "b");
   EXPECT_EQ(lines[2].type, "c");
-  EXPECT_TRUE(TranscriptReader::parseLines("").empty());
-  EXPECT_TRUE(TranscriptReader::parseLines("\n\n  \n").empty());
 }
 
 TEST(TranscriptReaderTest, ReadsAFileOnlyWhenItIsUtf8) {
@@ -120,13 +118,12 @@ TEST(TranscriptReaderTest, MakesThePlainChunkableAndGroundingTexts) {
   EXPECT_EQ(TranscriptReader::groundingText(none), "");
 }
 
-TEST(TranscriptReaderTest, FinalThirdIsTheSmallerPart) {
+// The final third is the smaller part when the count does not divide by 3.
+TEST(TranscriptReaderTest, TopEditedFilesCountOnlyTheFinalThird) {
   for (const auto& [count, start] : std::vector<std::pair<int64_t, int64_t>>{
            {0, 0}, {1, 1}, {2, 2}, {3, 2}, {9, 6}, {10, 7}, {11, 8}, {12, 8}})
     EXPECT_EQ(TranscriptReader::finalThirdStartIndex(count), start) << count;
-}
 
-TEST(TranscriptReaderTest, TopEditedFilesCountOnlyTheFinalThird) {
   auto edit = [](const std::string& path) {
     return R"({"type":"assistant","message":{"content":[{"type":"tool_use","name":"Edit","input":{"file_path":")" +
            path + R"("}}]}})";
