@@ -377,11 +377,17 @@ TEST(RecomputeTest, AStopEndsARecomputeInFlightWithinItsReading) {
   for (int f = 0; f < kFiles; ++f)
     fake.put(fmt::format("/r/-p/{}.jsonl", f),
              jsonl({dollarTurn(kNow - 3'600'000, fmt::format("r{}", f)), testing::userTextLine("go on")}));
+  // The tenth read holds the reading until the stop is on its way, so that
+  // a loaded machine cannot let the reading run through every file first.
   std::atomic<int> reads{0};
+  std::atomic<bool> stopping{false};
   std::mutex mutex;
   std::condition_variable tenth;
   fake.onRead([&](const std::string&) {
-    if (++reads == 10) tenth.notify_all();
+    if (++reads != 10) return;
+    tenth.notify_all();
+    while (!stopping) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
   });
   Harness h;
   h.options.root = "/r";
@@ -395,6 +401,7 @@ TEST(RecomputeTest, AStopEndsARecomputeInFlightWithinItsReading) {
     std::unique_lock lock(mutex);
     tenth.wait(lock, [&] { return reads >= 10; });
   }
+  stopping = true;
   queue.stopAndWait();
   EXPECT_LT(reads, kFiles);  // each file is read at least once by a whole recompute
   std::lock_guard lock(state->stateLock);
