@@ -17,15 +17,6 @@
 namespace ostler::Checks {
 namespace {
 
-std::string joined(const std::vector<std::string>& items, std::string_view separator) {
-  std::string out;
-  for (size_t i = 0; i < items.size(); ++i) {
-    if (i > 0) out.append(separator);
-    out.append(items[i]);
-  }
-  return out;
-}
-
 // The shortest decimal that reads back as `v`, with ".0" on a whole number:
 // "0.3", "0.25", "1.0".
 std::string shortestDecimal(double v) {
@@ -69,11 +60,11 @@ CheckResult c1PathExistence(const CloseoutDocument& document, std::string_view r
     }
     std::vector<std::string> tokens;
     for (const Citations::MissingToken& token : probe.missingTokens) tokens.push_back(token.raw);
-    missing.push_back(citation + " (tokenized fallback missing: " + joined(tokens, ", ") + ")");
+    missing.push_back(citation + " (tokenized fallback missing: " + text::joined(tokens, ", ") + ")");
   }
   r.pass = missing.empty();
   r.detail = r.pass ? fmt::format("{} path(s) checked, all exist under root {}", attempts, root)
-                    : "missing: " + joined(missing, "; ");
+                    : "missing: " + text::joined(missing, "; ");
   return r;
 }
 
@@ -111,7 +102,7 @@ CheckResult c2Coverage(const CloseoutDocument& document, std::span<const Transcr
   const int64_t n = static_cast<int64_t>(namedFiles.size());
   r.pass = n >= t;
   r.detail = fmt::format("top {} by edit count: {}; named in handoff: {}; {}/{} threshold (min(3, qualifying={}))", q,
-                         joined(files, ", "), namedFiles.empty() ? "none" : joined(namedFiles, ", "), n, t, q);
+                         text::joined(files, ", "), namedFiles.empty() ? "none" : text::joined(namedFiles, ", "), n, t, q);
   return r;
 }
 
@@ -143,7 +134,7 @@ CheckResult c3Schema(const CloseoutDocument& document, std::string_view root, st
   }
   r.pass = problems.empty();
   r.detail =
-      r.pass ? "all four sections present, floors met, FILES TOUCHED has a valid path line" : joined(problems, "; ");
+      r.pass ? "all four sections present, floors met, FILES TOUCHED has a valid path line" : text::joined(problems, "; ");
   return r;
 }
 

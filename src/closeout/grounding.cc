@@ -6,20 +6,9 @@
 #include "closeout/code_points.h"
 #include "closeout/path_canon.h"
 #include "closeout/transcript_reader.h"
+#include "transcript/text.h"
 
 namespace ostler::Grounding {
-namespace {
-
-std::string joined(const std::vector<std::string>& items, std::string_view separator) {
-  std::string out;
-  for (size_t i = 0; i < items.size(); ++i) {
-    if (i > 0) out.append(separator);
-    out.append(items[i]);
-  }
-  return out;
-}
-
-}  // namespace
 
 std::vector<FailingCitation> failingCitations(const CloseoutDocument& document, std::string_view root,
                                               std::string_view home, FileExistence& fm) {
@@ -92,7 +81,7 @@ Result evaluate(const CloseoutDocument& document, std::string_view root, std::st
   if (gradeable.empty()) {
     result.isVoid = true;
     result.detail = "void: every missing citation (" + std::to_string(result.unverifiable.size()) +
-                    ") was unverifiable, nothing gradeable to ground: " + joined(result.unverifiable, "; ");
+                    ") was unverifiable, nothing gradeable to ground: " + text::joined(result.unverifiable, "; ");
     return result;
   }
 
@@ -111,10 +100,10 @@ Result evaluate(const CloseoutDocument& document, std::string_view root, std::st
     result.detail = std::to_string(g) + " missing citation(s), all grounded in transcript content";
   else
     result.detail = std::to_string(ungrounded.size()) + "/" + std::to_string(g) +
-                    " missing citation(s) UNGROUNDED (fabrication candidate): " + joined(ungrounded, "; ");
+                    " missing citation(s) UNGROUNDED (fabrication candidate): " + text::joined(ungrounded, "; ");
   if (!result.unverifiable.empty())
     result.detail += "; " + std::to_string(result.unverifiable.size()) +
-                     " unverifiable citation(s) excluded from the rate: " + joined(result.unverifiable, "; ");
+                     " unverifiable citation(s) excluded from the rate: " + text::joined(result.unverifiable, "; ");
   result.pass = ungrounded.empty();
   return result;
 }

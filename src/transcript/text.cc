@@ -240,4 +240,13 @@ std::string_view lastPathComponent(std::string_view path) {
   return path.substr(begin, end - begin);
 }
 
+std::string joined(const std::vector<std::string>& items, std::string_view separator) {
+  std::string out;
+  for (size_t i = 0; i < items.size(); ++i) {
+    if (i > 0) out.append(separator);
+    out.append(items[i]);
+  }
+  return out;
+}
+
 }  // namespace ostler::text

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace ostler::text {
 
@@ -36,5 +37,8 @@ namespace ostler::text {
 
 // True when every byte is below 0x80.
 [[nodiscard]] bool isAscii(std::string_view s);
+
+// The items with `separator` between each two.
+[[nodiscard]] std::string joined(const std::vector<std::string>& items, std::string_view separator);
 
 }  // namespace ostler::text

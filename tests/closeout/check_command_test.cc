@@ -12,26 +12,10 @@
 namespace ostler {
 namespace {
 
+using testing::Outcome;
+using testing::quoted;
+using testing::runOstler;
 using testing::TempDir;
-
-struct Outcome {
-  int status = -1;
-  std::string out, err;
-};
-
-std::string quoted(const std::string& s) { return "'" + s + "'"; }
-
-Outcome ostler(const std::string& args, const std::string& env = "") {
-  TempDir dir;
-  const auto out = dir.path() / "out", err = dir.path() / "err";
-  Outcome o;
-  o.status = testing::runCommand(env + " '" OSTLER_BIN_DIR "/ostler' " + args + " >'" + out.string() + "' 2>'" +
-                                     err.string() + "'",
-                                 nullptr);
-  o.out = testing::readFile(out);
-  o.err = testing::readFile(err);
-  return o;
-}
 
 std::string words(int n, int from) {
   std::string out;
@@ -89,7 +73,7 @@ TEST(CheckCommandTest, UsageErrorsAndUnreadableInputsSayOneLineAndExit2) {
       f.args() + " --doc-updates " + quoted(f.dir.str() + "/missing.json"),
   };
   for (const auto& args : cases) {
-    const Outcome o = ostler(args, f.home());
+    const Outcome o = runOstler(args, f.home());
     EXPECT_EQ(o.status, 2) << args;
     EXPECT_TRUE(o.out.empty()) << args;
     const auto lines = testing::linesOf(o.err);
@@ -100,7 +84,7 @@ TEST(CheckCommandTest, UsageErrorsAndUnreadableInputsSayOneLineAndExit2) {
 
 TEST(CheckCommandTest, PrintsOneEntryPerCheckWithin80Columns) {
   Fixture f;
-  const Outcome pass = ostler(f.args(), f.home());
+  const Outcome pass = runOstler(f.args(), f.home());
   EXPECT_EQ(pass.status, 0) << pass.out << pass.err;
   std::vector<std::string> names;
   for (const auto& line : testing::linesOf(pass.out)) {
@@ -115,7 +99,7 @@ TEST(CheckCommandTest, PrintsOneEntryPerCheckWithin80Columns) {
   EXPECT_NE(pass.out.find("GROUNDING  void  void: C1 found no missing citations"), std::string::npos) << pass.out;
 
   // Without the home that holds notes.md, the "~" citation is missing.
-  const Outcome fail = ostler(f.args(), "HOME=/nonexistent");
+  const Outcome fail = runOstler(f.args(), "HOME=/nonexistent");
   EXPECT_EQ(fail.status, 1);
   EXPECT_NE(fail.out.find("C1         fail  missing: - ~/notes.md"), std::string::npos) << fail.out;
   EXPECT_NE(fail.out.find("overall    fail"), std::string::npos);
@@ -130,7 +114,7 @@ TEST(CheckCommandTest, JsonVerdictWritesEveryKeyAndTakesTheFlags) {
       f.dir.path() / "doc.json",
       R"({"handoff":"ignored","doc_updates":[{"path":"docs/invented.md","rationale":"r","patch":"p"}]})");
   const Outcome o =
-      ostler(f.args() + " --json --c2-threshold 3 --doc-updates " + quoted(f.dir.str() + "/doc.json"), f.home());
+      runOstler(f.args() + " --json --c2-threshold 3 --doc-updates " + quoted(f.dir.str() + "/doc.json"), f.home());
   EXPECT_EQ(o.status, 1);
   const auto v = nlohmann::json::parse(o.out, nullptr, false);
   ASSERT_TRUE(v.is_object()) << o.out;

@@ -18,26 +18,6 @@ namespace {
 using namespace testing;
 using testing::json;  // not ostler::json
 
-struct Outcome {
-  int status = -1;  // the exit status; -1 when the process did not exit (a crash)
-  std::string out, err;
-};
-
-// Runs `ostler` with `args` (already quoted for the shell).
-Outcome ostler(const std::string& args, const std::string& env = "") {
-  TempDir dir;
-  const auto out = dir.path() / "out", err = dir.path() / "err";
-  Outcome o;
-  o.status = testing::runCommand(env + " '" OSTLER_BIN_DIR "/ostler' " + args + " >'" + out.string() + "' 2>'" +
-                                     err.string() + "'",
-                                 nullptr);
-  o.out = testing::readFile(out);
-  o.err = testing::readFile(err);
-  return o;
-}
-
-std::string quoted(const std::string& s) { return "'" + s + "'"; }
-
 // A period backwards and a root that cannot be one are usage errors too: a
 // receipt of zeros would pass for an answer.
 TEST(OstlerCliTest, UsageErrorsPrintOneLineAndTheUsageAndExit2) {
@@ -57,14 +37,14 @@ TEST(OstlerCliTest, UsageErrorsPrintOneLineAndTheUsageAndExit2) {
            "receipt --root " + quoted(file),
            inRoot,
        }) {
-    const Outcome o = ostler(args);
+    const Outcome o = runOstler(args);
     EXPECT_EQ(o.status, 2) << args;
     EXPECT_EQ(o.err.rfind("ostler: ", 0), 0u) << args;
     EXPECT_NE(o.err.find("\nUsage:"), std::string::npos) << args;
     EXPECT_TRUE(o.out.empty()) << args;
   }
   // A period of one day, or of one instant to the next, is no error.
-  EXPECT_EQ(ostler("receipt --since 2026-11-16 --until 2026-11-16" + inRoot).status, 0);
+  EXPECT_EQ(runOstler("receipt --since 2026-11-16 --until 2026-11-16" + inRoot).status, 0);
 }
 
 // A default root that is missing or holds no transcripts is said in one
@@ -78,14 +58,14 @@ TEST(OstlerCliTest, NothingToReadIsSaidInOneLine) {
   std::filesystem::create_directories(dir.path() / "with" / ".claude" / "projects");
   std::filesystem::create_directories(dir.path() / "without");
   for (const char* home : {"with", "without"}) {
-    const Outcome o = ostler("receipt", "HOME=" + quoted((dir.path() / home).string()));
+    const Outcome o = runOstler("receipt", "HOME=" + quoted((dir.path() / home).string()));
     EXPECT_EQ(o.status, 0) << home;
     EXPECT_EQ(linesOf(o.err).size(), 1u) << o.err;
     EXPECT_NE(o.err.find("--root"), std::string::npos) << o.err;
     EXPECT_EQ(linesOf(o.out, "Generated "), empty) << home;
   }
   const std::string missing = (dir.path() / "nowhere").string();
-  const Outcome o = ostler("receipt --root " + quoted(missing));
+  const Outcome o = runOstler("receipt --root " + quoted(missing));
   EXPECT_EQ(o.status, 1);
   EXPECT_EQ(o.err, "ostler: no transcript folder at " + missing + "\n");
   EXPECT_TRUE(o.out.empty());
@@ -99,7 +79,7 @@ TEST(OstlerCliTest, PrintsTheReceiptAsTextOrJsonAndWritesTheLoops) {
   tree.main("-home-dev-shop", "aaaaaaaa-1", lines);
   const Receipt inProcess = tree.run();
 
-  const Outcome text = ostler("receipt --root " + quoted(tree.root().string()));
+  const Outcome text = runOstler("receipt --root " + quoted(tree.root().string()));
   ASSERT_EQ(text.status, 0) << text.err;
   EXPECT_EQ(linesOf(text.out, "Generated "), linesOf(renderPlainTextReceipt(inProcess), "Generated "));
   EXPECT_TRUE(text.err.empty()) << "no progress when standard error is not a terminal";
@@ -107,7 +87,7 @@ TEST(OstlerCliTest, PrintsTheReceiptAsTextOrJsonAndWritesTheLoops) {
   TempDir dir;
   const auto loopsFile = dir.path() / "loops.json";
   const Outcome asJson =
-      ostler("receipt --json --root " + quoted(tree.root().string()) + " --loops " + quoted(loopsFile.string()));
+      runOstler("receipt --json --root " + quoted(tree.root().string()) + " --loops " + quoted(loopsFile.string()));
   ASSERT_EQ(asJson.status, 0) << asJson.err;
   auto decoded = decodeReceipt(json::parse(asJson.out));
   ASSERT_TRUE(decoded.ok()) << decoded.error().message;
@@ -149,7 +129,7 @@ TEST(OstlerCliTest, ReadsOnlyRegularFilesAndSaysWhatItCouldNotRead) {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
   });
-  const Outcome o = ostler("receipt --json --root " + quoted(root.string()));
+  const Outcome o = runOstler("receipt --json --root " + quoted(root.string()));
   done = true;
   writer.join();
 
@@ -159,7 +139,7 @@ TEST(OstlerCliTest, ReadsOnlyRegularFilesAndSaysWhatItCouldNotRead) {
             0u)
       << o.err;
   EXPECT_EQ(linesOf(o.err).size(), 1u) << o.err;
-  const Outcome samples = ostler("receipt --json --root " + quoted((sourceDir() / "samples" / "projects").string()));
+  const Outcome samples = runOstler("receipt --json --root " + quoted((sourceDir() / "samples" / "projects").string()));
   ASSERT_EQ(samples.status, 0) << samples.err;
   const int64_t sampleTurns = json::parse(samples.out)["totals"]["turns"];
   const int64_t turns = json::parse(o.out)["totals"]["turns"];

@@ -97,6 +97,20 @@ int64_t makeHostileTree(const std::filesystem::path& root) {
   return ::geteuid() == 0 ? 4 : 5;
 }
 
+std::string quoted(const std::string& s) { return "'" + s + "'"; }
+
+Outcome runOstler(const std::string& args, const std::string& env) {
+  TempDir dir;
+  const auto out = dir.path() / "out", err = dir.path() / "err";
+  Outcome o;
+  o.status = runCommand(env + " '" OSTLER_BIN_DIR "/ostler' " + args + " >" + quoted(out.string()) + " 2>" +
+                            quoted(err.string()),
+                        nullptr);
+  o.out = readFile(out);
+  o.err = readFile(err);
+  return o;
+}
+
 bool generateTree(const std::filesystem::path& out, const std::vector<std::string>& args) {
   auto tool = sharedDir() / "tools" / "gen-transcripts";
   if (!std::filesystem::exists(tool)) return false;

@@ -67,6 +67,18 @@ bool generateTree(const std::filesystem::path& out, const std::vector<std::strin
 // process cannot read (root may read the locked file).
 int64_t makeHostileTree(const std::filesystem::path& root);
 
+// `s` in single quotes, for a shell.
+[[nodiscard]] std::string quoted(const std::string& s);
+
+// How a run of the `ostler` program ended.
+struct Outcome {
+  int status = -1;  // the exit status; -1 when the process did not exit (a crash)
+  std::string out, err;
+};
+// Runs `ostler` with `args` (already quoted for the shell), with `env`
+// (assignments such as "HOME=...") before it.
+[[nodiscard]] Outcome runOstler(const std::string& args, const std::string& env = "");
+
 // Runs a shell command, capturing standard output; returns the exit status.
 int runCommand(const std::string& command, std::string* output);
 
