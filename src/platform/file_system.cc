@@ -17,6 +17,22 @@ Result<std::vector<DirectoryEntry>> listSorted(FileSystem& fs, const std::string
   return entries;
 }
 
+Status removeTree(FileSystem& fs, const std::string& path) {
+  Status first;
+  // The listing says whether an entry is a link; a link to a folder is
+  // removed as a link, so nothing outside `path` is ever reached.
+  if (auto entries = fs.list(path)) {
+    for (const DirectoryEntry& entry : entries.value()) {
+      const std::string child = joinPath(path, entry.name);
+      Status s = entry.isDirectory && !entry.isLink ? removeTree(fs, child) : fs.remove(child);
+      if (!s && first) first = s;
+    }
+  }
+  Status s = fs.remove(path);
+  if (!s && first) first = s;
+  return first;
+}
+
 bool isDirectory(FileSystem& fs, const std::string& path) {
   auto info = fs.stat(path);
   return info && info.value().kind == FileKind::kDirectory;

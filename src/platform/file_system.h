@@ -26,6 +26,7 @@ struct FileInfo {
   // Which file it is: a file replaced under the same name has another.
   uint64_t device = 0;
   uint64_t inode = 0;
+  bool ownedByUser = true;  // belongs to the user the process runs as
 };
 
 struct DirectoryEntry {
@@ -83,7 +84,8 @@ class FileSystem {
   // Makes `path` and any missing folder above it, each with `mode`.
   [[nodiscard]] virtual Status makeDirectories(const std::string& path, uint32_t mode = 0700) = 0;
 
-  // Removes a file; a file already gone is no error.
+  // Removes a file, a symbolic link (not what it points to) or an empty
+  // folder; one already gone is no error.
   [[nodiscard]] virtual Status remove(const std::string& path) = 0;
 };
 
@@ -104,6 +106,11 @@ class FileSystem {
 // The entries of `dir` sorted by the bytes of their names; nothing when it
 // cannot be listed.
 [[nodiscard]] Result<std::vector<DirectoryEntry>> listSorted(FileSystem& fs, const std::string& dir);
+
+// Removes `path` and, when it is a folder, everything in it. Symbolic links
+// inside are removed as links, never followed. Whatever can be removed is,
+// and the first failure is reported; something already gone is no error.
+[[nodiscard]] Status removeTree(FileSystem& fs, const std::string& path);
 
 // Whether `path` is a folder (links followed); false when it cannot be read.
 [[nodiscard]] bool isDirectory(FileSystem& fs, const std::string& path);

@@ -24,9 +24,12 @@ FileKind kindOf(mode_t mode) {
 }
 
 FileInfo infoOf(const struct stat& st) {
-  return {kindOf(st.st_mode), static_cast<uint64_t>(std::max<off_t>(st.st_size, 0)),
+  return {kindOf(st.st_mode),
+          static_cast<uint64_t>(std::max<off_t>(st.st_size, 0)),
           static_cast<int64_t>(st.st_mtim.tv_sec) * 1'000'000'000 + st.st_mtim.tv_nsec,
-          static_cast<uint64_t>(st.st_dev), static_cast<uint64_t>(st.st_ino)};
+          static_cast<uint64_t>(st.st_dev),
+          static_cast<uint64_t>(st.st_ino),
+          st.st_uid == ::geteuid()};
 }
 
 class SystemReadableFile final : public ReadableFile {
@@ -188,8 +191,13 @@ class SystemFileSystem final : public FileSystem {
   }
 
   Status remove(const std::string& path) override {
-    if (::unlink(path.c_str()) != 0 && errno != ENOENT) return systemError("cannot remove", path);
-    return {};
+    if (::unlink(path.c_str()) == 0 || errno == ENOENT) return {};
+    const int unlinkError = errno;
+    // Linux says EISDIR of a folder, other systems EPERM; rmdir settles it,
+    // and its reason (a folder not empty, say) is the one worth giving.
+    if (unlinkError != EISDIR && unlinkError != EPERM) return systemError("cannot remove", path, unlinkError);
+    if (::rmdir(path.c_str()) == 0 || errno == ENOENT) return {};
+    return systemError("cannot remove", path, errno == ENOTDIR ? unlinkError : errno);
   }
 };
 

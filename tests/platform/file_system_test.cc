@@ -159,5 +159,29 @@ TEST(PrivateDirectoryTest, IsMadeShutAndRefusedWhenOthersCouldReachIn) {
   }
 }
 
+TEST(SystemFileSystemTest, RemovesATreeWithoutFollowingItsLinksAndTellsWhoOwnsAFolder) {
+  TempDir dir;
+  FileSystem& fs = systemFileSystem();
+  const auto outside = dir.path() / "outside";
+  writeFile(outside / "keep.txt", "kept");
+  const auto tree = dir.path() / "tree";
+  writeFile(tree / "a.json", "1");
+  writeFile(tree / "deep" / "er" / "b.json", "2");
+  std::filesystem::create_directory_symlink(outside, tree / "deep" / "link");
+  std::filesystem::create_directory(tree / "empty");
+
+  auto info = fs.stat(tree.string());
+  ASSERT_TRUE(info.ok());
+  EXPECT_TRUE(info.value().ownedByUser);
+
+  EXPECT_TRUE(fs.remove((tree / "empty").string()).ok());  // an empty folder goes as a file does
+  EXPECT_FALSE(std::filesystem::exists(tree / "empty"));
+  EXPECT_FALSE(fs.remove(tree.string()).ok());  // a full one does not
+  EXPECT_TRUE(removeTree(fs, tree.string()).ok());
+  EXPECT_FALSE(std::filesystem::exists(tree));
+  EXPECT_EQ(readFile(outside / "keep.txt"), "kept");
+  EXPECT_TRUE(removeTree(fs, tree.string()).ok()) << "already gone is no error";
+}
+
 }  // namespace
 }  // namespace ostler

@@ -56,6 +56,7 @@ class FakeFileSystem::Replacement final : public FileReplacement {
   Result<uint64_t> commit() override {
     if (committed_) return Error{"already renamed over " + path_};
     std::lock_guard lock(fs_.mutex_);
+    if (fs_.failingCommits_.contains(path_)) return Error{"cannot rename over " + path_ + ": no space left on device"};
     if (auto it = fs_.nodes_.find(parentOf(path_)); it == fs_.nodes_.end() || it->second.kind != FileKind::kDirectory)
       return Error{"cannot create a temporary file for " + path_ + ": no such file or directory"};
     committed_ = true;
@@ -128,6 +129,16 @@ void FakeFileSystem::putSpecial(const std::string& path) {
   touch(path, FileKind::kOther);
 }
 
+void FakeFileSystem::giveToAnotherUser(const std::string& path) {
+  std::lock_guard lock(mutex_);
+  if (auto it = nodes_.find(trimmed(path)); it != nodes_.end()) it->second.foreign = true;
+}
+
+void FakeFileSystem::failCommitsTo(const std::string& path) {
+  std::lock_guard lock(mutex_);
+  failingCommits_.insert(path);
+}
+
 void FakeFileSystem::onRead(std::function<void(const std::string& path)> hook) { onRead_ = std::move(hook); }
 
 Result<std::unique_ptr<ReadableFile>> FakeFileSystem::openForReading(const std::string& path) {
@@ -146,8 +157,14 @@ Result<FileInfo> FakeFileSystem::stat(const std::string& path) {
   auto it = nodes_.find(trimmed(path));
   if (it == nodes_.end()) return fileError("cannot read", path, "no such file or directory");
   const Node& node = it->second;
-  return FileInfo{node.kind, node.kind == FileKind::kRegular ? node.bytes->size() : 0, node.modifiedNs, 1,
-                  node.inode};
+  FileInfo info;
+  info.kind = node.kind;
+  info.size = node.kind == FileKind::kRegular ? node.bytes->size() : 0;
+  info.modifiedNs = node.modifiedNs;
+  info.device = 1;
+  info.inode = node.inode;
+  info.ownedByUser = !node.foreign;
+  return info;
 }
 
 Result<std::vector<DirectoryEntry>> FakeFileSystem::list(const std::string& dir) {
@@ -172,15 +189,28 @@ Result<std::unique_ptr<FileReplacement>> FakeFileSystem::replace(const std::stri
 
 Status FakeFileSystem::makeDirectories(const std::string& path, uint32_t) {
   std::lock_guard lock(mutex_);
-  auto it = nodes_.find(trimmed(path));
-  if (it != nodes_.end() && it->second.kind != FileKind::kDirectory) return Error{"cannot create " + path + ": not a folder"};
+  // As mkdir does, a file anywhere on the way stops it.
+  for (std::string dir = trimmed(path);; dir = parentOf(dir)) {
+    auto it = nodes_.find(dir);
+    if (it != nodes_.end() && it->second.kind != FileKind::kDirectory)
+      return Error{"cannot create " + dir + ": not a folder"};
+    if (dir == "/") break;
+  }
   touch(trimmed(path), FileKind::kDirectory);
   return {};
 }
 
 Status FakeFileSystem::remove(const std::string& path) {
   std::lock_guard lock(mutex_);
-  nodes_.erase(path);
+  const std::string target = trimmed(path);
+  auto it = nodes_.find(target);
+  if (it == nodes_.end()) return {};
+  if (it->second.kind == FileKind::kDirectory) {
+    const std::string prefix = target == "/" ? "/" : target + "/";
+    if (auto child = nodes_.lower_bound(prefix); child != nodes_.end() && child->first.starts_with(prefix))
+      return Error{"cannot remove " + path + ": directory not empty"};
+  }
+  nodes_.erase(it);
   return {};
 }
 

@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "platform/file_system.h"
@@ -30,6 +31,8 @@ class FakeFileSystem final : public FileSystem {
   void refuseOpening(const std::string& path, std::string reason = "permission denied");
   void failReadsFrom(const std::string& path, uint64_t offset);  // a read reaching `offset` fails
   void putSpecial(const std::string& path);                      // neither file nor folder, a FIFO say
+  void giveToAnotherUser(const std::string& path);               // stat says another user owns it
+  void failCommitsTo(const std::string& path);                   // a replacement of it fails at its rename
   // Called, outside the lock, before every read of every file.
   void onRead(std::function<void(const std::string& path)> hook);
 
@@ -49,6 +52,7 @@ class FakeFileSystem final : public FileSystem {
     uint64_t inode = 0;
     std::optional<std::string> refusal;
     std::optional<uint64_t> failReadsFrom;
+    bool foreign = false;
   };
   class File;
   class Replacement;
@@ -59,6 +63,7 @@ class FakeFileSystem final : public FileSystem {
   mutable std::mutex mutex_;
   std::map<std::string, Node> nodes_;
   std::function<void(const std::string&)> onRead_;
+  std::set<std::string> failingCommits_;
   uint64_t nextInode_ = 1;
   int64_t clockNs_ = 1'700'000'000'000'000'000;  // each change moves it on by a millisecond
 };

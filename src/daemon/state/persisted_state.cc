@@ -1,22 +1,10 @@
 #include "daemon/state/persisted_state.h"
 
-#include <openssl/evp.h>
-
-#include <fmt/format.h>
-
 #include "daemon/state/persisted_state_codec.h"
+#include "platform/sha256.h"
 
 namespace ostler {
 namespace {
-
-std::string sha256Hex(std::string_view bytes) {
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned int length = 0;
-  EVP_Digest(bytes.data(), bytes.size(), digest, &length, EVP_sha256(), nullptr);
-  std::string hex;
-  for (unsigned int i = 0; i < length; ++i) hex += fmt::format("{:02x}", digest[i]);
-  return hex;
-}
 
 // The parent folder of `path`, empty when it names none.
 std::string parentOf(const std::string& path) {
