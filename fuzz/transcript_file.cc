@@ -18,9 +18,7 @@ namespace {
 
 constexpr const char* kRoot = "/home/u/.claude/projects";
 
-void requireMoney(double usd, const char* what) {
-  ostler::fuzz::require(std::isfinite(usd) && usd >= 0, what);
-}
+void requireMoney(double usd, const char* what) { ostler::fuzz::require(std::isfinite(usd) && usd >= 0, what); }
 
 }  // namespace
 

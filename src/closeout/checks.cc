@@ -101,8 +101,9 @@ CheckResult c2Coverage(const CloseoutDocument& document, std::span<const Transcr
   }
   const int64_t n = static_cast<int64_t>(namedFiles.size());
   r.pass = n >= t;
-  r.detail = fmt::format("top {} by edit count: {}; named in handoff: {}; {}/{} threshold (min(3, qualifying={}))", q,
-                         text::joined(files, ", "), namedFiles.empty() ? "none" : text::joined(namedFiles, ", "), n, t, q);
+  r.detail =
+      fmt::format("top {} by edit count: {}; named in handoff: {}; {}/{} threshold (min(3, qualifying={}))", q,
+                  text::joined(files, ", "), namedFiles.empty() ? "none" : text::joined(namedFiles, ", "), n, t, q);
   return r;
 }
 
@@ -133,8 +134,8 @@ CheckResult c3Schema(const CloseoutDocument& document, std::string_view root, st
       problems.push_back("FILES TOUCHED has no valid path line (only empty/'.'/'./'/bare-directory entries)");
   }
   r.pass = problems.empty();
-  r.detail =
-      r.pass ? "all four sections present, floors met, FILES TOUCHED has a valid path line" : text::joined(problems, "; ");
+  r.detail = r.pass ? "all four sections present, floors met, FILES TOUCHED has a valid path line"
+                    : text::joined(problems, "; ");
   return r;
 }
 

@@ -4,9 +4,9 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "meter/plain_text_receipt.h"
@@ -118,7 +118,8 @@ TEST(OstlerCliTest, ReadsOnlyRegularFilesAndSaysWhatItCouldNotRead) {
   std::atomic<int> written = 0;
   const auto writeOne = [&] {
     const int i = written;
-    appendFile(growing, assistant("grow-" + std::to_string(i), "claude-sonnet-4-5", {.output = 100}, at(i)).dump() + "\n");
+    appendFile(growing,
+               assistant("grow-" + std::to_string(i), "claude-sonnet-4-5", {.output = 100}, at(i)).dump() + "\n");
     written = i + 1;
   };
   while (written < 50) writeOne();
@@ -135,8 +136,8 @@ TEST(OstlerCliTest, ReadsOnlyRegularFilesAndSaysWhatItCouldNotRead) {
 
   ASSERT_EQ(o.status, 0) << o.err;
   const std::string first = (root / "-home-ana-code-infra" / "d.jsonl").string();
-  EXPECT_EQ(o.err.rfind("ostler: " + std::to_string(unreadable) + " files could not be read (first: " + first + ": ", 0),
-            0u)
+  EXPECT_EQ(
+      o.err.rfind("ostler: " + std::to_string(unreadable) + " files could not be read (first: " + first + ": ", 0), 0u)
       << o.err;
   EXPECT_EQ(linesOf(o.err).size(), 1u) << o.err;
   const Outcome samples = runOstler("receipt --json --root " + quoted((sourceDir() / "samples" / "projects").string()));

@@ -92,7 +92,8 @@ int64_t makeHostileTree(const std::filesystem::path& root) {
   fs::create_symlink("/dev/zero", project / "y.jsonl");
   fs::create_directories(project / "d.jsonl");
   writeFile(project / "locked.jsonl",
-            R"({"type":"user","timestamp":"2026-11-01T10:00:00Z","message":{"role":"user","content":"hi"}})" "\n");
+            R"({"type":"user","timestamp":"2026-11-01T10:00:00Z","message":{"role":"user","content":"hi"}})"
+            "\n");
   fs::permissions(project / "locked.jsonl", fs::perms::none);
   return ::geteuid() == 0 ? 4 : 5;
 }
@@ -103,9 +104,9 @@ Outcome runOstler(const std::string& args, const std::string& env) {
   TempDir dir;
   const auto out = dir.path() / "out", err = dir.path() / "err";
   Outcome o;
-  o.status = runCommand(env + " '" OSTLER_BIN_DIR "/ostler' " + args + " >" + quoted(out.string()) + " 2>" +
-                            quoted(err.string()),
-                        nullptr);
+  o.status = runCommand(
+      env + " '" OSTLER_BIN_DIR "/ostler' " + args + " >" + quoted(out.string()) + " 2>" + quoted(err.string()),
+      nullptr);
   o.out = readFile(out);
   o.err = readFile(err);
   return o;
