@@ -6,6 +6,7 @@
 //   ostler feed [--feed PATH]
 //   ostler check --handoff FILE --transcript FILE --root DIR
 //                [--doc-updates FILE] [--c2-threshold N] [--json]
+//   ostler prepare SESSION [--root DIR] [--json]
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <iostream>
@@ -15,6 +16,7 @@
 #include <fmt/format.h>
 
 #include "check_command.h"
+#include "prepare_command.h"
 #include "transcript/iso8601.h"
 #include "meter/loop_detail.h"
 #include "meter/meter_engine.h"
@@ -174,6 +176,9 @@ int main(int argc, char** argv) {
   feed->add_option("--feed", feedPath, "feed file (default /tmp/ostler-feed.json)")->type_name("PATH");
   ostler::CheckFlags checkFlags;
   CLI::App* check = ostler::addCheckCommand(app, checkFlags);
+  ostler::PrepareFlags prepareFlags;
+  prepareFlags.root = defaultRoot();
+  CLI::App* prepare = ostler::addPrepareCommand(app, prepareFlags);
 
   try {
     app.parse(argc, argv);
@@ -186,7 +191,10 @@ int main(int argc, char** argv) {
       std::cerr << "ostler: " << e.what() << "\n";
       return kUsageError;
     }
-    const CLI::App& shown = receipt->parsed() ? *receipt : feed->parsed() ? *feed : app;
+    const CLI::App& shown = receipt->parsed()  ? *receipt
+                            : feed->parsed()   ? *feed
+                            : prepare->parsed() ? *prepare
+                                                : app;
     std::cerr << "ostler: " << e.what() << "\n" << shown.help();
     return kUsageError;
   }
@@ -196,5 +204,6 @@ int main(int argc, char** argv) {
   }
   if (feed->parsed()) return runFeed(feedPath);
   if (check->parsed()) return ostler::runCheck(checkFlags);
+  if (prepare->parsed()) return ostler::runPrepare(prepareFlags);
   return kUsageError;
 }
